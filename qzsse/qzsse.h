@@ -2,8 +2,20 @@
 
 // Umbrella header: every public header of the library.
 
+#include "qzsse/base/CArchive.h"
+#include "qzsse/base/CFile.h"
+#include "qzsse/base/CString.h"
+#include "qzsse/base/RbArray.h"
+#include "qzsse/base/RbMap.h"
 #include "qzsse/base/RbReferenceCounted.h"
+#include "qzsse/base/RbStreamException.h"
+#include "qzsse/base/RbStreamReadBinary.h"
+#include "qzsse/base/RbStreamReadBinaryBuffer.h"
+#include "qzsse/base/RbStreamWriteBinary.h"
+#include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/base/RyField2D.h"
+#include "qzsse/base/RyStreamReadBinaryFile.h"
+#include "qzsse/base/RyStreamWriteBinaryFile.h"
 
 #include "qzsse/core/CSSEFns.h"
 #include "qzsse/core/SSEPoint.h"
