@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs, with apt-get, whatever of the build and test dependencies is missing.
+# Installs, with apt-get, whatever of the build and test dependencies is missing
+# (pngcheck and libtiff-tools are the tests' independent decoders of the image payloads,
+# Boost.Geometry their independent point-in-polygon test).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -15,6 +17,9 @@ packages=(
   libpng-dev
   libjpeg62-turbo-dev
   libtiff-dev
+  pngcheck
+  libtiff-tools
+  libboost-dev
 )
 
 missing=()
