@@ -1,12 +1,28 @@
 #pragma once
 
+#include <memory>
 #include <xmmintrin.h>
 
+#include "qzsse/base/CString.h"
+#include "qzsse/base/RbArray.h"
 #include "qzsse/base/RbReferenceCounted.h"
 #include "qzsse/base/RyField2D.h"
 #include "qzsse/matrix/CImgFromToArray.h"
 
+class CArchive;
 class CSSEcharMatrix;
+class RbStreamReadBinary;
+class RbStreamWriteBinary;
+class RyFloatingPointQuantization;
+
+namespace qzsse {
+// Image containers behind CSSEMatrix::encode / decode.
+enum class ImageContainer { Png, Tiff };
+// Encoder settings: the TIFF compression (3 = CCITT group 4); 0 leaves the codec's default.
+struct ImageEncodeOptions {
+    unsigned char tiffCompressionMethod = 0;
+};
+} // namespace qzsse
 
 // A float image stored in bands of four rows: pixel (x, y) is lane y & 3 of vector x of
 // band y >> 2, so one packed instruction handles four rows of a column. There are
@@ -207,7 +223,40 @@ public:
     void CalcDifferenceMatrixConstrained(CSSEMatrix& a, CSSEMatrix& b, bool onlyValidA, bool onlyValidB);
     // QZSSE-OPEN-MEMBERS-END
 
+    // --- persistence: the versioned matrix stream, its archive form and files
+    // (defined in qzsse/storage/) -------------------------------------------------------------
+    static constexpr unsigned int c_uiStreamVersion = 4;
+    // Also sets m_fMaxAbsCompressionError to the largest error a reader will see.
+    void Serialize(RbStreamWriteBinary& stream) const;
+    void Serialize(RbStreamReadBinary& stream);
+    void serialize(RbStreamReadBinary& stream, unsigned int version);
+    void Serialize(CArchive& archive);
+    // Writes a temporary file beside path and renames it over path only when complete.
+    bool Store(CString path);
+    bool Load(CString path);
+
 protected:
+    // --- codecs (defined in qzsse/storage/) --------------------------------------------------
+    std::unique_ptr<RyFloatingPointQuantization> createAndEncodeQuantizer(bool withInvalid,
+                                                                        RbStreamWriteBinary& stream) const;
+    static std::unique_ptr<RyFloatingPointQuantization> createQuantizer(RbStreamReadBinary& stream,
+                                                                        unsigned int version,
+                                                                        bool& hasInvalid,
+                                                                        float& invalidValue);
+    RbArray<unsigned char> quantize(const RyFloatingPointQuantization& q) const;
+    void deQuantize(const RyFloatingPointQuantization& q, const RbArray<unsigned char>& codes);
+    void encode(const RbArray<unsigned char>& pixels, RbStreamWriteBinary& stream,
+                qzsse::ImageContainer container, unsigned int bitsPerPixel,
+                const qzsse::ImageEncodeOptions* options) const;
+    static RbArray<unsigned char> decode(RbStreamReadBinary& stream, unsigned int bitsPerPixel,
+                                         unsigned int& width, unsigned int& height);
+    void encodePNG(RbStreamWriteBinary& stream) const;
+    void encodeJPEG(RbStreamWriteBinary& stream) const;
+    void encodeCCITT4(RbStreamWriteBinary& stream) const;
+    void decodeCCIT4(RbStreamReadBinary& stream);
+    void decodeCompressed(RbStreamReadBinary& stream, unsigned int version, bool& hasInvalid,
+                          float& invalidValue);
+
     QzSCompressionParameters m_CompressionParameters;
     mutable float m_fMaxAbsCompressionError;
     int m_SizeX;
