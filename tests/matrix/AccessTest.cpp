@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -9,17 +7,12 @@
 
 #include "matrix/MatrixTestUtil.h"
 
-using qzsse::test::floatBits;
-using qzsse::test::sameBits;
-using qzsse::test::storedFloats;
-using qzsse::test::storedIndex;
+using namespace qzsse::test;
 
 namespace {
 
-const float kNaN = std::numeric_limits<float>::quiet_NaN();
-
-// Where a footprint of `span` pixels starts when the caller asks for it to start at
-// `start`: as close as possible while lying wholly inside [0, size).
+// Where a footprint of `span` pixels starts when the caller asks for it to start at `start`:
+// raised into the image, then lowered so that it ends inside it.
 int placeFootprint(int start, int span, int size)
 {
     return std::min(std::max(start, 0), size - span);
@@ -27,20 +20,10 @@ int placeFootprint(int start, int span, int size)
 
 enum class Combine { Store, Min, Max };
 
-float combine(Combine c, float old, float v)
-{
-    switch (c) {
-    case Combine::Min: return (v > old) ? old : v;
-    case Combine::Max: return (old > v) ? old : v;
-    default: return v;
-    }
-}
-
-// A writer is described by its footprint: spanX x spanY pixels, with the requested
-// point offX/offY pixels from the footprint's top-left corner. A cross leaves out the
-// corners of its 3 x 3 footprint.
+// A writer's footprint: spanX x spanY pixels with the requested point offX/offY from its
+// top-left corner; a cross leaves out the corners of its 3 x 3 footprint.
 struct Writer {
-    std::string name;
+    const char* name;
     void (CSSEMatrix::*fn)(int, int, float);
     int spanX, offX, spanY, offY;
     bool cross;
@@ -66,43 +49,32 @@ const Writer kWriters[] = {
     {"Set11x11BoxPointMax", &CSSEMatrix::Set11x11BoxPointMax, 11, 5, 11, 5, false, Combine::Max},
 };
 
-void expectSameStorage(const std::vector<float>& got, const std::vector<float>& want, const std::string& what)
-{
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i)
-        ASSERT_TRUE(sameBits(got[i], want[i])) << what << ": float " << i << " is " << got[i]
-                                               << ", expected " << want[i];
-}
-
 } // namespace
 
+// Near an edge the centre moves inwards and the whole footprint is written. The minimum is
+// (v > old) ? old : v and the maximum (old > v) ? old : v, so a NaN v is always stored.
 TEST(PointAccess, WritersMoveTheirFootprintInsideTheImage)
 {
     std::mt19937 rng(5);
-    std::uniform_int_distribution<int> sizeDist(11, 17);
     for (const Writer& w : kWriters) {
         for (int round = 0; round < 150; ++round) {
-            CSSEMatrix m;
-            const int sx = sizeDist(rng), sy = sizeDist(rng);
-            m.Create(sx, sy);
-            qzsse::test::fillRandom(m, rng);
+            const int sx = std::uniform_int_distribution<int>(11, 17)(rng);
+            const int sy = std::uniform_int_distribution<int>(11, 17)(rng);
+            CSSEMatrix m = randomMatrix(rng, sx, sy);
             const int x = std::uniform_int_distribution<int>(-4, sx + 3)(rng);
             const int y = std::uniform_int_distribution<int>(-4, sy + 3)(rng);
-            const float v = qzsse::test::randomValue(rng);
-
+            const float v = randomValue(rng);
             std::vector<float> want = storedFloats(m);
             const int left = placeFootprint(x - w.offX, w.spanX, sx);
             const int top = placeFootprint(y - w.offY, w.spanY, sy);
             for (int py = top; py < top + w.spanY; ++py)
                 for (int px = left; px < left + w.spanX; ++px) {
-                    if (w.cross && px != left + 1 && py != top + 1)
-                        continue;
-                    float& cell = want[storedIndex(m, px, py)];
-                    cell = combine(w.op, cell, v);
+                    float& p = want[storedIndex(m, px, py)];
+                    if (!w.cross || px == left + 1 || py == top + 1)
+                        p = w.op == Combine::Store ? v : w.op == Combine::Min ? ((v > p) ? p : v) : ((p > v) ? p : v);
                 }
             (m.*w.fn)(x, y, v);
-            expectSameStorage(storedFloats(m), want,
-                              w.name + " at " + std::to_string(x) + "," + std::to_string(y));
+            ASSERT_TRUE(sameFloats(want, storedFloats(m))) << w.name << " at " << x << "," << y;
         }
     }
 }
@@ -110,71 +82,26 @@ TEST(PointAccess, WritersMoveTheirFootprintInsideTheImage)
 TEST(PointAccess, ReadersClampIntoTheImage)
 {
     std::mt19937 rng(6);
-    CSSEMatrix m;
-    m.Create(7, 10);
-    qzsse::test::fillRandom(m, rng);
+    CSSEMatrix m = randomMatrix(rng, 7, 10);
     const std::vector<float> stored = storedFloats(m);
-    float* base = reinterpret_cast<float*>(m.GetMatrixDataDirectly()[0]);
     for (int y = -3; y < 14; ++y)
         for (int x = -3; x < 11; ++x) {
-            const int px = std::clamp(x, 0, 6), py = std::clamp(y, 0, 9);
-            EXPECT_TRUE(sameBits(m.GetPoint(x, y), stored[storedIndex(m, px, py)]));
-            EXPECT_TRUE(sameBits(m.GetPointValue(x, y), stored[storedIndex(m, px, py)]));
-            // One field: the address is an offset into the single block.
-            EXPECT_EQ(m.GetPointAddress(x, y), base + storedIndex(m, px, py));
+            const size_t i = storedIndex(m, std::clamp(x, 0, 6), std::clamp(y, 0, 9));
+            EXPECT_PRED2(sameFloat, m.GetPoint(x, y), stored[i]);
+            EXPECT_EQ(m.GetPointAddress(x, y), reinterpret_cast<float*>(m.GetMatrixDataDirectly()[0]) + i);
         }
-    EXPECT_EQ(m.GetPointAddress(3, 5) - m.GetPointAddress(2, 5), 4);
-    EXPECT_EQ(m.GetPointAddress(3, 5) - m.GetPointAddress(3, 4), 1);
 }
 
-TEST(PointAccess, MinMaxFormsAlwaysStoreNaNAndReplaceNaN)
-{
-    CSSEMatrix m;
-    m.Create(12, 12);
-    m.Fill(2.0f);
-    m.SetPointMin(0, 0, kNaN);
-    m.SetPointMax(1, 0, kNaN);
-    m.Set5x5BoxPointMin(6, 6, kNaN);
-    EXPECT_TRUE(std::isnan(m.GetPoint(0, 0)));
-    EXPECT_TRUE(std::isnan(m.GetPoint(1, 0)));
-    for (int y = 4; y <= 8; ++y)
-        for (int x = 4; x <= 8; ++x)
-            EXPECT_TRUE(std::isnan(m.GetPoint(x, y)));
-    // A NaN pixel gives way to any value, in both directions.
-    m.SetPointMin(0, 0, 5.0f);
-    m.SetPointMax(1, 0, -5.0f);
-    m.Set11x11BoxPointMax(6, 6, -1.0f);
-    EXPECT_EQ(m.GetPoint(0, 0), 5.0f);
-    EXPECT_EQ(m.GetPoint(1, 0), -5.0f);
-    EXPECT_EQ(m.GetPoint(6, 6), -1.0f);
-    EXPECT_EQ(m.GetPoint(1, 1), 2.0f); // inside the 11x11 box but not NaN: the larger stays
-    // Equal values: the new one is stored, which shows on signed zeros.
-    m.SetPoint(2, 2, 0.0f);
-    m.SetPointMin(2, 2, -0.0f);
-    EXPECT_EQ(floatBits(m.GetPoint(2, 2)), 0x80000000u);
-    m.SetPointMax(2, 2, 0.0f);
-    EXPECT_EQ(floatBits(m.GetPoint(2, 2)), 0u);
-}
-
+// The largest of the five-point cross; the diagonals are not looked at.
 TEST(PointAccess, Max3x3LooksAtTheCrossOnly)
 {
-    CSSEMatrix m;
-    m.Create(5, 5);
-    m.SetPoint(1, 1, 100.0f);
-    m.SetPoint(3, 3, 100.0f);
-    m.SetPoint(1, 3, 100.0f);
-    m.SetPoint(3, 1, 100.0f);
-    m.SetPoint(2, 1, 3.0f);
-    EXPECT_EQ(m.GetPointMax3x3(2, 2), 3.0f);
+    CSSEMatrix m = matrixOf(3, 3, {100, 3, 100, 0, 0, 0, 100, 0, 100});
+    EXPECT_EQ(m.GetPointMax3x3(1, 1), 3.0f);
 
     std::mt19937 rng(7);
-    std::uniform_real_distribution<float> value(-10.0f, 10.0f);
     for (int round = 0; round < 300; ++round) {
         const int sx = 3 + round % 6, sy = 3 + round % 5;
-        m.Create(sx, sy);
-        for (int y = 0; y < sy; ++y)
-            for (int x = 0; x < sx; ++x)
-                m.SetPoint(x, y, value(rng));
+        m = randomMatrix(rng, sx, sy, {}, false);
         const int x = std::uniform_int_distribution<int>(-3, sx + 2)(rng);
         const int y = std::uniform_int_distribution<int>(-3, sy + 2)(rng);
         const int cx = placeFootprint(x - 1, 3, sx) + 1, cy = placeFootprint(y - 1, 3, sy) + 1;
@@ -184,91 +111,45 @@ TEST(PointAccess, Max3x3LooksAtTheCrossOnly)
     }
 }
 
-TEST(PixelPreciseFloat, InterpolatesBilinearly)
+// Bilinear in single precision, so f = 10x + y + xy is reproduced exactly inside. The corner
+// is kept one pixel inside the image and the fractions clamped to [0, 1], so the outer ring
+// is reached only as the neighbour of the ring inside it.
+TEST(PixelPreciseFloat, InterpolatesAndReachesTheOuterRingOnlyFromInside)
 {
     CSSEMatrix m;
     m.Create(5, 6);
     m.SetPoint(3, 3, 2.0f);
     EXPECT_EQ(m.GetPixelPreciseFloat(2.5f, 3.0f, false), 1.0f);
-
     for (int y = 0; y < 6; ++y)
         for (int x = 0; x < 5; ++x)
-            m.SetPoint(x, y, static_cast<float>(10 * x + y));
-    // 0.375 * 12 + 0.125 * 22 + 0.375 * 13 + 0.125 * 23
-    EXPECT_EQ(m.GetPixelPreciseFloat(1.25f, 2.5f, false), 15.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(1.25f, 2.5f, true), 15.0f);
-
-    std::mt19937 rng(8);
-    std::uniform_real_distribution<float> value(-10.0f, 10.0f);
-    for (int y = 0; y < 6; ++y)
-        for (int x = 0; x < 5; ++x)
-            m.SetPoint(x, y, value(rng));
-    std::uniform_real_distribution<float> cx(1.0f, 3.0f), cy(1.0f, 4.0f);
-    for (int i = 0; i < 500; ++i) {
-        const float x = cx(rng), y = cy(rng);
-        const int ix = static_cast<int>(x), iy = static_cast<int>(y);
-        const double fx = x - ix, fy = y - iy;
-        const double want = (1 - fy) * ((1 - fx) * m.GetPoint(ix, iy) + fx * m.GetPoint(ix + 1, iy))
-                          + fy * ((1 - fx) * m.GetPoint(ix, iy + 1) + fx * m.GetPoint(ix + 1, iy + 1));
-        ASSERT_NEAR(m.GetPixelPreciseFloat(x, y, false), want, 1e-4) << x << "," << y;
-    }
+            m.SetPoint(x, y, static_cast<float>(10 * x + y + x * y));
+    struct Case { float x, y, want; };
+    for (const Case& c : {Case{1.25f, 2.5f, 18.125f}, Case{2.75f, 3.5f, 40.625f}, Case{0.3f, 2.0f, 14.0f},
+                          Case{-2.5f, 2.0f, 14.0f}, Case{4.75f, 2.0f, 50.0f}, Case{2.0f, 0.5f, 23.0f},
+                          Case{2.0f, 5.5f, 35.0f}})
+        EXPECT_EQ(m.GetPixelPreciseFloat(c.x, c.y, true), c.want) << c.x << ", " << c.y;
+    // Two pixels wide: the corner is raised to 1, then lowered to 0.
+    m = matrixOf(2, 2, {1, 2, 3, 4});
+    EXPECT_EQ(m.GetPixelPreciseFloat(0.5f, 0.5f, false), 2.5f);
+    EXPECT_EQ(m.GetPixelPreciseFloat(1.0f, 1.0f, false), 4.0f);
 }
 
-TEST(PixelPreciseFloat, OuterRingIsReachedOnlyFromInside)
-{
-    CSSEMatrix m;
-    m.Create(5, 6);
-    for (int y = 0; y < 6; ++y)
-        for (int x = 0; x < 5; ++x)
-            m.SetPoint(x, y, static_cast<float>(10 * x + y));
-    EXPECT_EQ(m.GetPixelPreciseFloat(0.3f, 2.0f, false), 12.0f);  // column 1, not 0.3 of the way
-    EXPECT_EQ(m.GetPixelPreciseFloat(0.0f, 2.0f, false), 12.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(-2.5f, 2.0f, false), 12.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(4.0f, 2.0f, false), 42.0f);  // last column as right neighbour
-    EXPECT_EQ(m.GetPixelPreciseFloat(4.75f, 2.0f, false), 42.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(40.0f, 2.0f, false), 42.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(2.0f, 0.5f, false), 21.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(2.0f, 5.5f, false), 25.0f);
-    EXPECT_EQ(m.GetPixelPreciseFloat(-1.0f, -1.0f, false), 11.0f);
-
-    // Two pixels wide: the corner is pulled up to 1, then back down to 0.
-    CSSEMatrix tiny;
-    tiny.Create(2, 2);
-    tiny.SetPoint(0, 0, 1.0f);
-    tiny.SetPoint(1, 0, 2.0f);
-    tiny.SetPoint(0, 1, 3.0f);
-    tiny.SetPoint(1, 1, 4.0f);
-    EXPECT_EQ(tiny.GetPixelPreciseFloat(0.5f, 0.5f, false), 2.5f);
-    EXPECT_EQ(tiny.GetPixelPreciseFloat(0.0f, 0.0f, false), 1.0f);
-    EXPECT_EQ(tiny.GetPixelPreciseFloat(1.0f, 1.0f, false), 4.0f);
-}
-
+// Every later row, and the padding rows of later bands, become row r (clamped); padding rows
+// in r's own band keep their values.
 TEST(ProcessedRow, FillReplicatesTheLastFinishedRowDownwards)
 {
     struct Case { int sx, sy, rowProcessed; };
-    const Case cases[] = {{3, 10, 5}, {3, 10, 4}, {3, 10, 0}, {3, 10, -3}, {3, 10, 7}, {3, 10, 9},
-                          {3, 10, 20}, {3, 8, 7}, {3, 8, 5}, {2, 1, 0}, {2, 300, 150}, {3, 0, 0}};
     std::mt19937 rng(9);
-    for (const Case& c : cases) {
-        CSSEMatrix m;
-        m.Create(c.sx, c.sy);
-        qzsse::test::fillRandom(m, rng);
+    for (const Case& c : {Case{3, 10, 5}, Case{3, 10, 4}, Case{3, 10, -3}, Case{3, 10, 7}, Case{3, 10, 20},
+                          Case{3, 8, 7}, Case{3, 8, 5}, Case{2, 1, 0}, Case{2, 300, 150}, Case{3, 0, 0}}) {
+        CSSEMatrix m = randomMatrix(rng, c.sx, c.sy);
         m.SetRowProcessed(c.rowProcessed);
         std::vector<float> want = storedFloats(m);
-        if (c.sy > 0) {
-            const int r = std::clamp(c.rowProcessed, 0, c.sy - 1);
-            const int paddedRows = 4 * m.GetSSESizeY();
-            for (int y = r + 1; y < paddedRows; ++y) {
-                // Padding rows in r's own band keep their values; later bands take row r.
-                if (y >= c.sy && y / 4 == r / 4)
-                    continue;
-                for (int x = 0; x < c.sx; ++x)
-                    want[storedIndex(m, x, y)] = want[storedIndex(m, x, r)];
-            }
-        }
+        const int r = std::clamp(c.rowProcessed, 0, std::max(c.sy - 1, 0));
+        for (int y = r + 1; c.sy > 0 && y < 4 * m.GetSSESizeY(); ++y)
+            for (int x = 0; x < c.sx && (y < c.sy || y / 4 != r / 4); ++x)
+                want[storedIndex(m, x, y)] = want[storedIndex(m, x, r)];
         m.FillMatrixWithProcessedRow();
-        expectSameStorage(storedFloats(m), want,
-                          std::to_string(c.sx) + "x" + std::to_string(c.sy) + " row " +
-                              std::to_string(c.rowProcessed));
+        ASSERT_TRUE(sameFloats(want, storedFloats(m))) << c.sx << "x" << c.sy << " row " << c.rowProcessed;
     }
 }
