@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever of the build and test dependencies is missing
 # (pngcheck and libtiff-tools are the tests' independent decoders of the image payloads,
-# Boost.Geometry their independent point-in-polygon test).
+# Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -20,6 +20,7 @@ packages=(
   pngcheck
   libtiff-tools
   libboost-dev
+  liblerc-dev
 )
 
 missing=()

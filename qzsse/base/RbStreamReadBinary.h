@@ -25,6 +25,12 @@ public:
     CString ReadString();
     void ReadBuffer(void* data, size_t size);
 
+    // Bytes left, when the form knows; readers use it to refuse sizes the data cannot hold
+    // before they allocate for them.
+    std::optional<unsigned long long> GetBytesRemaining() const { return bytesRemaining(); }
+    // Offset of the next byte, as quoted in error messages.
+    unsigned long long GetOffset() const { return currentOffset(); }
+
 protected:
     RbStreamReadBinary() = default;
     RbStreamReadBinary(const RbStreamReadBinary&) = default;

@@ -1,0 +1,300 @@
+// CSSEMatrix: choosing, writing and reading the quantiser, and mapping the matrix to
+// 8-bit codes and back.
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <emmintrin.h>
+#include <limits>
+#include <typeinfo>
+
+#include "qzsse/base/RbStreamReadBinary.h"
+#include "qzsse/base/RbStreamWriteBinary.h"
+#include "qzsse/base/RyFloatingPointQuantization.h"
+#include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/matrix/detail/BandWalk.h"
+#include "qzsse/matrix/detail/RowMask.h"
+
+namespace qzsse::detail {
+namespace {
+
+constexpr float c_fLargestFloat = std::numeric_limits<float>::max();
+
+// Code spans, bits 0x437EFFBE and 0x437DFFBE: one code fewer when the invalid value needs
+// a code of its own.
+constexpr float c_fCodeSpan = 254.999f;
+constexpr float c_fCodeSpanWithInvalid = 253.999f;
+
+bool equalsInvalid(float v, float invalid)
+{
+    return v == invalid || (std::isnan(v) && std::isnan(invalid));
+}
+
+// Lanes equal to the invalid value, NaN matching NaN. invalidIsNaN is all ones when the
+// invalid value is NaN.
+inline __m128 invalidLanes(__m128 v, __m128 invalid, __m128 invalidIsNaN)
+{
+    return _mm_or_ps(_mm_cmpeq_ps(v, invalid), _mm_and_ps(_mm_cmpunord_ps(v, v), invalidIsNaN));
+}
+
+inline __m128 allLanes(bool on)
+{
+    return _mm_castsi128_ps(_mm_set1_epi32(on ? -1 : 0));
+}
+
+struct ValueRange {
+    float min;
+    float max;
+};
+
+// The first zero in row-major order that takes part in the scan.
+float firstZero(const CSSEMatrix& m, bool skipInvalid, float invalid)
+{
+    for (int y = 0; y < m.GetSizeY(); ++y)
+        for (int x = 0; x < m.GetSizeX(); ++x) {
+            const float v = m.GetPointUnsafe(x, y);
+            if (v == 0.0f && !(skipInvalid && equalsInvalid(v, invalid)))
+                return v;
+        }
+    return 0.0f;
+}
+
+// Smallest and largest element, starting from +largest / -largest, as a row-by-row scan in
+// which an element replaces the minimum only when it is smaller (the maximum: larger), so
+// NaN never takes part. The lanes give the same values as that scan with one exception:
+// between -0.0 and 0.0 the scan keeps the one it met first, so a zero result is looked up.
+ValueRange scanRange(const CSSEMatrix& m, bool skipInvalid, float invalid)
+{
+    const __m128 largest = _mm_set1_ps(c_fLargestFloat);
+    const __m128 lowest = _mm_set1_ps(-c_fLargestFloat);
+    const __m128 invalidV = _mm_set1_ps(invalid);
+    const __m128 invalidIsNaN = allLanes(std::isnan(invalid));
+    const __m128 skip = allLanes(skipInvalid);
+    __m128 vmin = largest;
+    __m128 vmax = lowest;
+
+    __m128** data = m.GetMatrixDataDirectly();
+    const int realBands = (m.GetSizeY() + 3) / 4;
+    for (int j = 0; j < realBands; ++j) {
+        const __m128 real = realRowsMask(j, m.GetSizeY());
+        const __m128* band = data[j];
+        for (int x = 0; x < m.GetSizeX(); ++x) {
+            const __m128 v = band[x];
+            const __m128 keep = _mm_andnot_ps(_mm_and_ps(skip, invalidLanes(v, invalidV, invalidIsNaN)), real);
+            // _mm_min_ps(a, b) is a < b ? a : b, exactly "replace when smaller".
+            vmin = _mm_min_ps(select(keep, v, largest), vmin);
+            vmax = _mm_max_ps(select(keep, v, lowest), vmax);
+        }
+    }
+
+    alignas(16) float mins[4];
+    alignas(16) float maxs[4];
+    _mm_store_ps(mins, vmin);
+    _mm_store_ps(maxs, vmax);
+    ValueRange range{c_fLargestFloat, -c_fLargestFloat};
+    for (int lane = 0; lane < 4; ++lane) {
+        if (mins[lane] < range.min)
+            range.min = mins[lane];
+        if (maxs[lane] > range.max)
+            range.max = maxs[lane];
+    }
+    if (range.min == 0.0f)
+        range.min = firstZero(m, skipInvalid, invalid);
+    if (range.max == 0.0f)
+        range.max = firstZero(m, skipInvalid, invalid);
+    return range;
+}
+
+// The uniform quantisers' Map on four lanes, preceded by the fixed-range clamp: the same
+// codes as the scalar Map, including 0 for NaN and the saturation at the top code.
+class UniformMapKernel {
+public:
+    UniformMapKernel(const RyFloatingPointQuantizationUniform& q, unsigned long topCode,
+                     const RyFloatingPointQuantizationUniformWithInvalid* withInvalid,
+                     const CSSEMatrix::QzSCompressionParameters& params)
+        : m_min(_mm_set1_ps(q.GetMin())), m_factor(_mm_set1_ps(q.GetFactor())),
+          m_top(_mm_set1_ps(static_cast<float>(topCode))),
+          m_invalid(_mm_set1_ps(withInvalid ? withInvalid->GetInvalidValue() : 0.0f)),
+          m_invalidIsNaN(allLanes(withInvalid && std::isnan(withInvalid->GetInvalidValue()))),
+          m_hasInvalid(allLanes(withInvalid != nullptr)),
+          m_clamp(allLanes(params.m_bUseFixedRange)), m_rangeMin(_mm_set1_ps(params.m_fRangeMin)),
+          m_rangeMax(_mm_set1_ps(params.m_fRangeMax))
+    {
+    }
+
+    __m128i codes(__m128 v) const
+    {
+        v = select(_mm_and_ps(m_clamp, _mm_cmpgt_ps(v, m_rangeMax)), m_rangeMax, v);
+        v = select(_mm_and_ps(m_clamp, _mm_cmplt_ps(v, m_rangeMin)), m_rangeMin, v);
+        const __m128 scaled = _mm_mul_ps(_mm_sub_ps(v, m_min), m_factor);
+        const __m128 positive = _mm_cmpgt_ps(scaled, _mm_setzero_ps());
+        // min(rounded, top) is rounded < top ? rounded : top, so the conversion only ever
+        // sees 0.5 .. top; the other lanes are masked off by `positive`.
+        const __m128 capped = _mm_min_ps(_mm_add_ps(scaled, _mm_set1_ps(0.5f)), m_top);
+        const __m128i code = _mm_and_si128(_mm_cvttps_epi32(capped), _mm_castps_si128(positive));
+        const __m128i invalid = _mm_castps_si128(_mm_and_ps(m_hasInvalid, invalidLanes(v, m_invalid, m_invalidIsNaN)));
+        const __m128i invalidCode = _mm_set1_epi32(static_cast<int>(RyFloatingPointQuantizationUniformWithInvalid::c_ulInvalidCode));
+        return _mm_or_si128(_mm_and_si128(invalid, invalidCode), _mm_andnot_si128(invalid, code));
+    }
+
+private:
+    __m128 m_min, m_factor, m_top, m_invalid, m_invalidIsNaN, m_hasInvalid;
+    __m128 m_clamp, m_rangeMin, m_rangeMax;
+};
+
+// Codes of the real rows, band by band: four columns at a time are turned from column
+// vectors into row vectors so that each row receives four bytes at once.
+void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned char* out)
+{
+    const int width = m.GetSizeX();
+    const int height = m.GetSizeY();
+    __m128** data = m.GetMatrixDataDirectly();
+    for (int j = 0; 4 * j < height; ++j) {
+        const __m128* band = data[j];
+        const int rows = height - 4 * j < 4 ? height - 4 * j : 4;
+        unsigned char* rowStart = out + static_cast<size_t>(4 * j) * width;
+        int x = 0;
+        for (; x + 4 <= width; x += 4) {
+            __m128 r0 = band[x], r1 = band[x + 1], r2 = band[x + 2], r3 = band[x + 3];
+            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+            const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(kernel.codes(r0), kernel.codes(r1)),
+                                                    _mm_packs_epi32(kernel.codes(r2), kernel.codes(r3)));
+            alignas(16) unsigned char bytes[16];
+            _mm_store_si128(reinterpret_cast<__m128i*>(bytes), packed);
+            for (int r = 0; r < rows; ++r)
+                std::memcpy(rowStart + static_cast<size_t>(r) * width + x, bytes + 4 * r, 4);
+        }
+        for (; x < width; ++x) {
+            alignas(16) std::int32_t codes[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(codes), kernel.codes(band[x]));
+            for (int r = 0; r < rows; ++r)
+                rowStart[static_cast<size_t>(r) * width + x] = static_cast<unsigned char>(codes[r]);
+        }
+    }
+}
+
+} // namespace
+} // namespace qzsse::detail
+
+std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createAndEncodeQuantizer(bool withInvalid,
+                                                                                RbStreamWriteBinary& stream) const
+{
+    using namespace qzsse::detail;
+    const QzSCompressionParameters& p = m_CompressionParameters;
+
+    ValueRange range{c_fLargestFloat, -c_fLargestFloat};
+    if (p.m_bUseFixedRange)
+        range = {p.m_fRangeMin, p.m_fRangeMax};
+    else if (m_Data != nullptr)
+        range = scanRange(*this, withInvalid, p.m_fInvalidValue);
+
+    const float span = withInvalid ? c_fCodeSpanWithInvalid : c_fCodeSpan;
+    const float rangeFactor = range.min == range.max ? 1.0f : (1.0f / (range.max - range.min)) * span;
+    const float errorFactor = p.m_fMaxAbsError == 0.0f ? c_fLargestFloat : 0.5f / p.m_fMaxAbsError;
+    // A tie takes the error factor.
+    const float factor = errorFactor <= rangeFactor ? errorFactor : rangeFactor;
+
+    stream.WriteFloat(range.min);
+    stream.WriteFloat(range.max);
+    stream.WriteFloat(factor);
+    stream.WriteBool(withInvalid);
+    if (withInvalid) {
+        stream.WriteFloat(p.m_fInvalidValue);
+        return std::make_unique<RyFloatingPointQuantizationUniformWithInvalid>(range.min, range.max, factor,
+                                                                               p.m_fInvalidValue);
+    }
+    return std::make_unique<RyFloatingPointQuantizationUniform>(range.min, range.max, factor);
+}
+
+// Version 1 streams carry no description (codes were the values' own range 0..255 with
+// factor 1); version 2 has no invalid flag.
+std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createQuantizer(RbStreamReadBinary& stream,
+                                                                        unsigned int version,
+                                                                        bool& hasInvalid, float& invalidValue)
+{
+    float min = 0.0f;
+    float max = 0.0f;
+    float factor = 1.0f;
+    if (version >= 2) {
+        min = stream.ReadFloat();
+        max = stream.ReadFloat();
+        factor = stream.ReadFloat();
+    }
+    const bool withInvalid = version >= 3 ? stream.ReadBool() : false;
+
+    hasInvalid = false;
+    invalidValue = 0.0f;
+    if (withInvalid) {
+        invalidValue = stream.ReadFloat();
+        hasInvalid = true;
+        return std::make_unique<RyFloatingPointQuantizationUniformWithInvalid>(min, max, factor, invalidValue);
+    }
+    return std::make_unique<RyFloatingPointQuantizationUniform>(min, max, factor);
+}
+
+// The library's own quantisers are mapped four lanes at a time; any other implementation
+// of the interface is called element by element.
+RbArray<unsigned char> CSSEMatrix::quantize(const RyFloatingPointQuantization& q) const
+{
+    using namespace qzsse::detail;
+    RbArray<unsigned char> codes;
+    if (m_Data == nullptr)
+        return codes;
+    codes.SetSize(static_cast<std::ptrdiff_t>(m_SizeX) * m_SizeY);
+    const QzSCompressionParameters& p = m_CompressionParameters;
+
+    if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)) {
+        const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
+        quantizeBands(*this, UniformMapKernel(uniform, RyFloatingPointQuantizationUniform::c_ulTopCode, nullptr, p),
+                      codes.GetData());
+        return codes;
+    }
+    if (typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
+        const auto& withInvalid = static_cast<const RyFloatingPointQuantizationUniformWithInvalid&>(q);
+        quantizeBands(*this,
+                      UniformMapKernel(withInvalid, RyFloatingPointQuantizationUniformWithInvalid::c_ulTopCode,
+                                       &withInvalid, p),
+                      codes.GetData());
+        return codes;
+    }
+
+    for (int y = 0; y < m_SizeY; ++y)
+        for (int x = 0; x < m_SizeX; ++x) {
+            float v = GetPointUnsafe(x, y);
+            if (p.m_bUseFixedRange) {
+                if (v > p.m_fRangeMax)
+                    v = p.m_fRangeMax;
+                if (v < p.m_fRangeMin)
+                    v = p.m_fRangeMin;
+            }
+            codes[static_cast<std::ptrdiff_t>(y) * m_SizeX + x] = static_cast<unsigned char>(q.Map(v));
+        }
+    return codes;
+}
+
+// Unmap depends on the code alone, so a table of the 256 answers serves every quantiser.
+void CSSEMatrix::deQuantize(const RyFloatingPointQuantization& q, const RbArray<unsigned char>& codes)
+{
+    if (m_Data == nullptr || static_cast<std::ptrdiff_t>(m_SizeX) * m_SizeY != codes.GetSize())
+        return;
+    float values[256];
+    for (unsigned long c = 0; c < 256; ++c)
+        values[c] = q.Unmap(c);
+
+    const unsigned char* in = codes.GetData();
+    const size_t width = static_cast<size_t>(m_SizeX);
+    for (int j = 0; 4 * j < m_SizeY; ++j) {
+        __m128* band = m_Data[j];
+        const unsigned char* row = in + 4 * j * width;
+        if (4 * j + 4 <= m_SizeY) {
+            for (size_t x = 0; x < width; ++x)
+                band[x] = _mm_setr_ps(values[row[x]], values[row[width + x]], values[row[2 * width + x]],
+                                      values[row[3 * width + x]]);
+        } else {
+            // The last band: its padding rows keep what they hold.
+            for (int y = 4 * j; y < m_SizeY; ++y)
+                for (int x = 0; x < m_SizeX; ++x)
+                    SetPointUnsafe(x, y, values[in[y * width + x]]);
+        }
+    }
+}

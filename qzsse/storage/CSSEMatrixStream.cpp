@@ -1,0 +1,357 @@
+// The versioned matrix stream: header, raw floats, multi-pass residual coding through the
+// 8-bit image codecs, and the two-level bit plane.
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+#include <xmmintrin.h>
+
+#include "qzsse/base/RbStreamException.h"
+#include "qzsse/base/RbStreamReadBinary.h"
+#include "qzsse/base/RbStreamReadBinaryBuffer.h"
+#include "qzsse/base/RbStreamWriteBinary.h"
+#include "qzsse/base/RbStreamWriteBinaryBuffer.h"
+#include "qzsse/base/RyFloatingPointQuantization.h"
+#include "qzsse/base/detail/LittleEndian.h"
+#include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/matrix/detail/BandWalk.h"
+#include "qzsse/storage/ImageCodecs.h"
+
+namespace qzsse::detail {
+namespace {
+
+// The field table bounds the height a matrix can hold.
+constexpr int kMaxStreamHeight = 4 * CSSEMatrix::c_iMaxFields * CSSEMatrix::c_iLinesPerField - 1;
+// The pass index of the format is an 8-bit counter.
+constexpr unsigned int kMaxPasses = 255;
+// Raw floats move through a buffer of this many bytes (a multiple of one 16-byte vector).
+constexpr size_t kRawChunkBytes = 64 * 1024;
+
+// Blocks of four rows the raw payload holds: ceil(height / 4), never the extra band of
+// padding rows below a height that is a multiple of four.
+int rawBlockCount(int height) { return (height + 3) / 4; }
+
+unsigned long long rawFloatBytes(int width, int height)
+{
+    return static_cast<unsigned long long>(width) * static_cast<unsigned long long>(rawBlockCount(height)) * 16u;
+}
+
+// Sizes are checked before anything is allocated for them, and against the payload that
+// must follow where the format ties the two: raw floats need their bytes, and coded passes
+// can describe at most c_ullMaxDecodedBytesPerPayloadByte pixels per byte (the image
+// decoders refuse larger images, so no pass of such a stream could reach its pixels).
+// Without passes, under method 4 (whose bit plane can describe any width in a few bytes)
+// and under unknown methods the payload says nothing about the size.
+void checkStreamSize(const RbStreamReadBinary& stream, int width, int height, int method, unsigned passes)
+{
+    const unsigned long long at = stream.GetOffset();
+    if (width < 0 || height < 0 || height > kMaxStreamHeight)
+        throw RbStreamException("CSSEMatrix: size " + std::to_string(width) + " x " + std::to_string(height)
+                                + " read before offset " + std::to_string(at) + " is not a matrix size");
+    const unsigned long long pixels = static_cast<unsigned long long>(width) * static_cast<unsigned long long>(height);
+    unsigned long long needed = 0;
+    if (method == 0)
+        needed = rawFloatBytes(width, height);
+    else if (method <= 3 && passes > 0)
+        needed = (pixels + c_ullMaxDecodedBytesPerPayloadByte - 1) / c_ullMaxDecodedBytesPerPayloadByte;
+    const std::optional<unsigned long long> left = stream.GetBytesRemaining();
+    if (left && needed > *left)
+        throw RbStreamException("CSSEMatrix: a " + std::to_string(width) + " x " + std::to_string(height)
+                                + " matrix of method " + std::to_string(method) + " at offset "
+                                + std::to_string(at) + " needs at least " + std::to_string(needed)
+                                + " more bytes but only " + std::to_string(*left) + " are left");
+}
+
+// Column by column, and within a column block by block, as the format orders the floats.
+void writeRawFloats(const CSSEMatrix& m, RbStreamWriteBinary& stream)
+{
+    const int width = m.GetSizeX();
+    const int blocks = rawBlockCount(m.GetSizeY());
+    if (width == 0 || blocks == 0)
+        return;
+    __m128** data = m.GetMatrixDataDirectly();
+    std::vector<unsigned char> chunk(kRawChunkBytes);
+    size_t used = 0;
+    for (int x = 0; x < width; ++x) {
+        for (int b = 0; b < blocks; ++b) {
+            const float* v = reinterpret_cast<const float*>(data[b] + x);
+            for (int lane = 0; lane < 4; ++lane)
+                StoreValueLittleEndian(v[lane], chunk.data() + used + 4 * lane);
+            used += 16;
+            if (used == chunk.size()) {
+                stream.WriteBuffer(chunk.data(), used);
+                used = 0;
+            }
+        }
+    }
+    if (used)
+        stream.WriteBuffer(chunk.data(), used);
+}
+
+void readRawFloats(CSSEMatrix& m, RbStreamReadBinary& stream)
+{
+    const int width = m.GetSizeX();
+    const int blocks = rawBlockCount(m.GetSizeY());
+    if (width == 0 || blocks == 0)
+        return;
+    __m128** data = m.GetMatrixDataDirectly();
+    std::vector<unsigned char> chunk(kRawChunkBytes);
+    unsigned long long left = rawFloatBytes(width, m.GetSizeY());
+    size_t have = 0;
+    size_t used = 0;
+    for (int x = 0; x < width; ++x) {
+        for (int b = 0; b < blocks; ++b) {
+            if (used == have) {
+                have = static_cast<size_t>(std::min<unsigned long long>(left, chunk.size()));
+                stream.ReadBuffer(chunk.data(), have);
+                left -= have;
+                used = 0;
+            }
+            float* v = reinterpret_cast<float*>(data[b] + x);
+            for (int lane = 0; lane < 4; ++lane)
+                v[lane] = LoadValueLittleEndian<float>(chunk.data() + used + 4 * lane);
+            used += 16;
+        }
+    }
+}
+
+// Lanes where t is the invalid value; a NaN invalid value matches every NaN.
+inline __m128 equalsInvalid(__m128 t, __m128 invalid, __m128 invalidIsNaN)
+{
+    return _mm_or_ps(_mm_cmpeq_ps(t, invalid), _mm_and_ps(_mm_cmpunord_ps(t, t), invalidIsNaN));
+}
+
+inline bool equalsInvalid(float t, float invalid) { return std::isnan(invalid) ? std::isnan(t) : t == invalid; }
+
+// One pass of the residual coding, shared by writer and reader so that both follow the
+// same rule: where the element is not yet settled, the pass image is subtracted (writer,
+// from the residual) or added (reader, to the result); then every element where the pass
+// image holds the invalid value is settled. `image` null stands for a pass image of
+// imageWidth x imageHeight zeros (a payload the codecs could not decode); an image of
+// another size than acc only reaches their common part.
+void applyPass(CSSEMatrix& acc, CSSEMatrix& settled, const CSSEMatrix* image, unsigned imageWidth,
+               unsigned imageHeight, bool hasInvalid, float invalid, bool subtract)
+{
+    if (image && image->GetSizeX() == acc.GetSizeX() && image->GetSizeY() == acc.GetSizeY()) {
+        const __m128 zero = _mm_setzero_ps();
+        const __m128 one = _mm_set1_ps(1.0f);
+        const __m128 inv = _mm_set1_ps(invalid);
+        const __m128 invIsNaN = _mm_cmpunord_ps(inv, inv);
+        const __m128 checkInvalid = hasInvalid ? _mm_cmpeq_ps(zero, zero) : zero;
+        __m128** a = acc.GetMatrixDataDirectly();
+        __m128** m = settled.GetMatrixDataDirectly();
+        __m128** t = image->GetMatrixDataDirectly();
+        for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+            for (int x = 0; x < acc.GetSSESizeX(); ++x) {
+                const __m128 tv = t[j][x];
+                const __m128 open = _mm_cmpeq_ps(m[j][x], zero);
+                const __m128 updated = subtract ? _mm_sub_ps(a[j][x], tv) : _mm_add_ps(a[j][x], tv);
+                a[j][x] = select(open, updated, a[j][x]);
+                m[j][x] = select(_mm_and_ps(equalsInvalid(tv, inv, invIsNaN), checkInvalid), one, m[j][x]);
+            }
+        }
+        return;
+    }
+    const int width = static_cast<int>(std::min<unsigned>(imageWidth, static_cast<unsigned>(acc.GetSizeX())));
+    const int height = static_cast<int>(std::min<unsigned>(imageHeight, static_cast<unsigned>(acc.GetSizeY())));
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const float tv = image ? image->GetPointUnsafe(x, y) : 0.0f;
+            float* a = acc.GetPointAddressUnsafe(x, y);
+            float* m = settled.GetPointAddressUnsafe(x, y);
+            if (*m == 0.0f)
+                *a = subtract ? *a - tv : *a + tv;
+            if (hasInvalid && equalsInvalid(tv, invalid))
+                *m = 1.0f;
+        }
+    }
+}
+
+// Sizes the matrix for a decoded pass image. False when the codes do not fill an image of
+// that size (a failed decode): de-quantizing would leave the image at zero then, which
+// applyPass reproduces without allocating it.
+bool preparePassImage(const RbArray<unsigned char>& codes, unsigned width, unsigned height, CSSEMatrix& image)
+{
+    if (static_cast<unsigned long long>(codes.GetSize()) != static_cast<unsigned long long>(width) * height)
+        return false;
+    if (width > static_cast<unsigned>(std::numeric_limits<int>::max()) || height > static_cast<unsigned>(kMaxStreamHeight))
+        throw RbStreamException("CSSEMatrix: a pass image of " + std::to_string(width) + " x "
+                                + std::to_string(height) + " pixels is larger than any matrix");
+    image.Create(static_cast<int>(width), static_cast<int>(height));
+    return true;
+}
+
+// Largest absolute value of the real pixels, as the reported compression error.
+float maxAbsValue(const CSSEMatrix& m)
+{
+    float largest = 0.0f;
+    float smallest = 0.0f;
+    m.CalcMinMaxValues(&largest, &smallest);
+    return std::max(std::fabs(smallest), std::fabs(largest));
+}
+
+[[noreturn]] void throwCodecWroteNothing(const char* what)
+{
+    throw std::runtime_error(std::string("CSSEMatrix::Serialize: the image codec produced no ") + what
+                             + " (a matrix without pixels has no PNG or TIFF form)");
+}
+
+} // namespace
+} // namespace qzsse::detail
+
+void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
+{
+    const QzSCompressionParameters& own = m_CompressionParameters;
+    const int method = own.m_eMethod;
+    const bool passCoded = method >= 1 && method <= 3;
+    if (passCoded && own.m_uiNumberOfPasses > qzsse::detail::kMaxPasses)
+        throw std::invalid_argument("CSSEMatrix::Serialize: " + std::to_string(own.m_uiNumberOfPasses)
+                                    + " passes requested, the format counts at most 255");
+    if (method >= 0 && method <= 4 && m_Data == nullptr && m_SizeX > 0 && m_SizeY > 0)
+        throw std::logic_error("CSSEMatrix::Serialize: the matrix has no storage");
+
+    // The coded payload is built first, so a codec failure leaves the stream untouched.
+    RbStreamWriteBinaryBuffer payload;
+    float error = m_fMaxAbsCompressionError;
+    if (passCoded) {
+        const unsigned int passes = own.m_uiNumberOfPasses;
+        CSSEMatrix residual(*this);
+        CSSEMatrix settled;
+        settled.Create(m_SizeX, m_SizeY);
+        for (unsigned int k = 0; k < passes; ++k) {
+            // Intermediate passes code as finely as they can; only the last one applies
+            // the requested quality and error bound. Invalid values travel in pass 0 only.
+            QzSCompressionParameters& params = residual.m_CompressionParameters;
+            params = own;
+            if (k + 1 != passes) {
+                params.m_fJPEGQuality = 1.0f;
+                params.m_fMaxAbsError = 0.0f;
+            }
+            params.m_bUseInvalidValue = k == 0 && own.m_bUseInvalidValue;
+
+            RbStreamWriteBinaryBuffer pass;
+            if (method == 1 || (method == 3 && k > 0))
+                residual.encodeJPEG(pass);
+            else
+                residual.encodePNG(pass);
+
+            // The residual is updated with what a reader will reconstruct, not with what
+            // was meant to be coded.
+            RbStreamReadBinaryBuffer back(pass.GetData(), pass.GetSize());
+            bool hasInvalid = false;
+            float invalid = 0.0f;
+            unsigned int w = 0;
+            unsigned int h = 0;
+            std::unique_ptr<RyFloatingPointQuantization> q;
+            RbArray<unsigned char> codes;
+            try {
+                q = createQuantizer(back, c_uiStreamVersion, hasInvalid, invalid);
+                codes = decode(back, 8, w, h);
+            } catch (const RbStreamException&) {
+                qzsse::detail::throwCodecWroteNothing("pass image");
+            }
+            CSSEMatrix image;
+            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
+            if (decoded)
+                image.deQuantize(*q, codes);
+            qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, true);
+            payload.WriteBuffer(pass.GetData(), pass.GetSize());
+        }
+        error = qzsse::detail::maxAbsValue(residual);
+    } else if (method == 4) {
+        encodeCCITT4(payload);
+        CSSEMatrix decoded;
+        decoded.Create(m_SizeX, m_SizeY);
+        RbStreamReadBinaryBuffer back(payload.GetData(), payload.GetSize());
+        try {
+            decoded.decodeCCIT4(back);
+        } catch (const RbStreamException&) {
+            qzsse::detail::throwCodecWroteNothing("bit-plane image");
+        }
+        CSSEMatrix difference(*this);
+        difference.SubMatrix(decoded);
+        error = qzsse::detail::maxAbsValue(difference);
+    }
+
+    stream.WriteVersion(c_uiStreamVersion);
+    stream.WriteInt32(m_SizeX);
+    stream.WriteInt32(m_SizeY);
+    const auto methodByte = static_cast<unsigned char>(method);
+    stream.WriteBuffer(&methodByte, 1);
+    if (method == 0) {
+        qzsse::detail::writeRawFloats(*this, stream);
+        error = 0.0f;
+    } else if (passCoded) {
+        stream.WriteUInt32(own.m_uiNumberOfPasses);
+        stream.WriteBuffer(payload.GetData(), payload.GetSize());
+    } else if (method == 4) {
+        stream.WriteBuffer(payload.GetData(), payload.GetSize());
+    }
+    m_fMaxAbsCompressionError = error;
+}
+
+void CSSEMatrix::Serialize(RbStreamReadBinary& stream)
+{
+    serialize(stream, stream.ReadVersion(c_uiStreamVersion));
+}
+
+void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
+{
+    int width = 0;
+    int height = 0;
+    if (version >= 1) {
+        width = stream.ReadInt32();
+        height = stream.ReadInt32();
+    }
+    int method = 0;
+    if (version >= 2) {
+        unsigned char methodByte = 0;
+        stream.ReadBuffer(&methodByte, 1);
+        method = methodByte;
+    }
+    // The pass count is read before the matrix is sized, so that it can bound the size.
+    unsigned int passes = 0;
+    if (method >= 1 && method <= 3) {
+        const unsigned long long at = stream.GetOffset();
+        passes = stream.ReadUInt32();
+        // The writer's 8-bit pass counter never ends above 255; here such a count is refused.
+        if (passes > qzsse::detail::kMaxPasses)
+            throw RbStreamException("CSSEMatrix: pass count " + std::to_string(passes) + " at offset "
+                                    + std::to_string(at) + " is above 255");
+    }
+    qzsse::detail::checkStreamSize(stream, width, height, method, passes);
+
+    if (m_Data == nullptr || width != m_SizeX || height != m_SizeY)
+        Create(width, height);
+    m_CompressionParameters.m_eMethod = method;
+
+    if (method == 0) {
+        // A version-0 stream holds no pixels: its matrix is 0 x 0, so there is nothing to set.
+        if (version >= 1)
+            qzsse::detail::readRawFloats(*this, stream);
+    } else if (method >= 1 && method <= 3) {
+        m_CompressionParameters.m_uiNumberOfPasses = passes;
+        Fill(0.0f);
+        CSSEMatrix settled;
+        settled.Create(m_SizeX, m_SizeY);
+        for (unsigned int k = 0; k < passes; ++k) {
+            bool hasInvalid = false;
+            float invalid = 0.0f;
+            unsigned int w = 0;
+            unsigned int h = 0;
+            const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
+            const RbArray<unsigned char> codes = decode(stream, 8, w, h);
+            CSSEMatrix image;
+            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
+            if (decoded)
+                image.deQuantize(*q, codes);
+            qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, false);
+        }
+    } else if (method == 4) {
+        decodeCCIT4(stream);
+    }
+}
