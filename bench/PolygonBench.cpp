@@ -1,0 +1,144 @@
+// Polygon rasterisation and point-in-polygon on a star-shaped polygon of N vertices (the
+// benchmark argument) centred in a 2048 x 2048 matrix, beside the peers on the same input
+// when they are installed: Boost.Geometry `within` for the point queries and OpenCV
+// `cv::fillPoly` for the fill.
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <numbers>
+#include <random>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/polygon/CSSE3dPolygon.h"
+
+#if defined(QZSSE_BENCH_WITH_BOOST)
+#include <boost/geometry.hpp>
+#endif
+#if defined(QZSSE_BENCH_WITH_OPENCV)
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#endif
+
+namespace {
+
+constexpr int kSize = 2048;
+constexpr int kQueries = 4096;
+
+struct Scene {
+    std::vector<float> x, y;          // the outline, counter-clockwise
+    std::vector<float> qx, qy;        // query points spread over the polygon's box
+    CSSE3dPolygon polygon;
+
+    explicit Scene(int vertices)
+    {
+        std::mt19937 rng(42);
+        std::uniform_real_distribution<float> angle(0.0f, 2.0f * std::numbers::pi_v<float>);
+        std::uniform_real_distribution<float> radius(600.0f, 1000.0f);
+        std::vector<float> angles(static_cast<size_t>(vertices));
+        for (float& a : angles)
+            a = angle(rng);
+        std::sort(angles.begin(), angles.end());
+        polygon.Create(vertices);
+        for (int i = 0; i < vertices; ++i) {
+            const float r = radius(rng);
+            x.push_back(1024.0f + r * std::cos(angles[static_cast<size_t>(i)]));
+            y.push_back(1024.0f + r * std::sin(angles[static_cast<size_t>(i)]));
+            polygon.SetPoint(i, x.back(), y.back(), 0.0f);
+        }
+        std::uniform_real_distribution<float> spread(24.0f, 2024.0f);
+        for (int k = 0; k < kQueries; ++k) {
+            qx.push_back(spread(rng));
+            qy.push_back(spread(rng));
+        }
+    }
+};
+
+Scene& scene(int vertices)
+{
+    static Scene s2000(2000);
+    if (vertices == 2000)
+        return s2000;
+    static Scene s200(200);
+    return s200;
+}
+
+void BM_DrawInMatrixAndFillFineMax(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    CSSEMatrix m;
+    m.Create(kSize, kSize);
+    float value = 1.0f;
+    for (auto _ : state) {
+        s.polygon.DrawInMatrixAndFillFineMax(value, &m, false, -1e6f, 1e6f);
+        value += 1.0f; // every pass changes the cells it reaches
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
+}
+BENCHMARK(BM_DrawInMatrixAndFillFineMax)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_PointInLineInnerArea(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        int inside = 0;
+        for (int k = 0; k < kQueries; ++k)
+            inside += s.polygon.PointInLineInnerArea(s.qx[static_cast<size_t>(k)], s.qy[static_cast<size_t>(k)], 1);
+        benchmark::DoNotOptimize(inside);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kQueries);
+}
+BENCHMARK(BM_PointInLineInnerArea)->Arg(200)->Arg(2000);
+
+#if defined(QZSSE_BENCH_WITH_BOOST)
+void BM_BoostWithin(benchmark::State& state)
+{
+    namespace bg = boost::geometry;
+    using Point = bg::model::d2::point_xy<double>;
+    using Polygon = bg::model::polygon<Point, false, false>; // counter-clockwise, open
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    Polygon polygon;
+    for (size_t i = 0; i < s.x.size(); ++i)
+        bg::append(polygon.outer(), Point(s.x[i], s.y[i]));
+    std::vector<Point> points;
+    for (int k = 0; k < kQueries; ++k)
+        points.emplace_back(s.qx[static_cast<size_t>(k)], s.qy[static_cast<size_t>(k)]);
+    for (auto _ : state) {
+        int inside = 0;
+        for (const Point& p : points)
+            inside += bg::within(p, polygon);
+        benchmark::DoNotOptimize(inside);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kQueries);
+}
+BENCHMARK(BM_BoostWithin)->Arg(200)->Arg(2000);
+#endif
+
+#if defined(QZSSE_BENCH_WITH_OPENCV)
+// Sub-pixel vertices (4 fraction bits) into a float image of the same size.
+void BM_OpenCVFillPoly(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    constexpr int kShift = 4;
+    std::vector<cv::Point> points;
+    for (size_t i = 0; i < s.x.size(); ++i)
+        points.emplace_back(static_cast<int>(std::lround(s.x[i] * (1 << kShift))),
+                            static_cast<int>(std::lround(s.y[i] * (1 << kShift))));
+    const std::vector<std::vector<cv::Point>> contours{points};
+    cv::Mat image(kSize, kSize, CV_32F, cv::Scalar(0.0));
+    float value = 1.0f;
+    for (auto _ : state) {
+        cv::fillPoly(image, contours, cv::Scalar(value), cv::LINE_8, kShift);
+        value += 1.0f;
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
+}
+BENCHMARK(BM_OpenCVFillPoly)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+#endif
+
+} // namespace

@@ -1,0 +1,330 @@
+// Interior fills of CSSE3dPolygon into float and char matrices. Every fill is defined pixel
+// by pixel (PointInLineInnerArea on a prepared copy, coordinates clamped into the matrix)
+// and computed row by row with RowInsideScanner, which finds exactly the same pixels.
+
+#include "qzsse/polygon/CSSE3dPolygon.h"
+
+#include <algorithm>
+#include <climits>
+#include <exception>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/matrix/CSSEcharMatrix.h"
+#include "qzsse/matrix/detail/RowMask.h"
+#include "qzsse/polygon/detail/BandMaskFill.h"
+#include "qzsse/polygon/detail/RasterCommon.h"
+
+namespace qzsse::detail {
+namespace {
+
+constexpr int c_iFineMarginBefore = 5;
+constexpr int c_iFineMarginAfter = 4;
+constexpr int c_iCoarseStep = 3;
+constexpr int c_iCoarseMargin = 9;
+constexpr int c_iCoarseChunkColumns = 3 * 4096;
+constexpr int c_iMinBandsPerThread = 16;
+
+// Scan window, both ends included.
+struct ScanWindow {
+    int x0, x1, y0, y1;
+};
+
+// The window of the fine fills: the box rows limited by yMin / yMax (yHi uses yLo before
+// yLo is clamped), both clamped into the matrix, the box columns clamped, and the margins.
+ScanWindow fineWindow(CSSE3dPolygon& polygon, int width, int height, float yMin, float yMax)
+{
+    polygon.CalcBoundingBox();
+    float minX, minY, minZ, maxX, maxY, maxZ;
+    polygon.GetBoundingBox3D(minX, minY, minZ, maxX, maxY, maxZ);
+    const int top = truncToInt(maxY);
+    int yLo = std::min(std::max(truncToInt(minY), truncToInt(yMin)), top);
+    int yHi = std::max(yLo, std::min(top, truncToInt(yMax)));
+    yHi = clampInto(yHi, 0, height - 1);
+    yLo = clampInto(yLo, 0, height - 1);
+    const int xLo = clampInto(truncToInt(minX), 0, width - 1);
+    const int xHi = clampInto(truncToInt(maxX), 0, width - 1);
+    return {xLo - c_iFineMarginBefore, xHi + c_iFineMarginAfter, yLo - c_iFineMarginBefore, yHi + c_iFineMarginAfter};
+}
+
+// The copy the fills test against: optionally thinned, repeated points removed, box fresh.
+// Derived so that it may hand out its own outline.
+class PreparedCopy : public CSSE3dPolygon {
+public:
+    PreparedCopy(const CSSE3dPolygon& source, bool subsample)
+    {
+        CreateSimilar(&source);
+        if (subsample)
+            Subsample(5, true);
+        RemoveEqualPointsXY();
+        CalcBoundingBox();
+    }
+    OutlineXY outline() { return rasterOutline(); }
+};
+
+// What every fine fill scans: the window from the polygon's fresh box (taken before the copy,
+// which inherits the box records and flag) and the prepared copy's outline.
+struct FineScan {
+    FineScan(CSSE3dPolygon& polygon, int width, int height, bool subsample, float yMin, float yMax)
+        : window(fineWindow(polygon, width, height, yMin, yMax)), copy(polygon, subsample), outline(copy.outline())
+    {
+    }
+
+    const ScanWindow window;
+    PreparedCopy copy;
+    const OutlineXY outline; // points into copy
+};
+
+// Inside runs of a minus those of b (both sorted, disjoint).
+void subtractRuns(const std::vector<InsideRun>& a, const std::vector<InsideRun>& b, std::vector<InsideRun>& out)
+{
+    out.clear();
+    size_t j = 0;
+    for (const InsideRun& run : a) {
+        long long from = run.first;
+        while (j < b.size() && b[j].last < from)
+            ++j;
+        for (size_t k = j; k < b.size() && b[k].first <= run.last && from <= run.last; ++k) {
+            if (b[k].first > from)
+                out.push_back({static_cast<int>(from), b[k].first - 1});
+            from = static_cast<long long>(b[k].last) + 1;
+        }
+        if (from <= run.last)
+            out.push_back({static_cast<int>(from), run.last});
+    }
+}
+
+// Fine-window rows y0 .. y1 split by matrix bands over threads: each part owns whole bands,
+// the first also the rows above the matrix and the last those below, so no cell is shared.
+template <class Update>
+void foldInsideRowsInParallel(const OutlineXY& outline, const ScanWindow& w, CSSEMatrix& matrix, Update update)
+{
+    if (outline.n < 3 || w.x0 > w.x1)
+        return;
+    const int width = matrix.GetSizeX();
+    const int height = matrix.GetSizeY();
+    const int firstBand = clampInto(w.y0, 0, height - 1) >> 2;
+    const int lastBand = clampInto(w.y1, 0, height - 1) >> 2;
+    const int bands = lastBand - firstBand + 1;
+    int parts = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    parts = std::min(parts, std::max(1, bands / c_iMinBandsPerThread));
+    if (parts <= 1) {
+        foldInsideRows<FloatBands>(outline, w.x0, w.x1, w.y0, w.y1, matrix.GetMatrixDataDirectly(), width, height,
+                                   update);
+        return;
+    }
+    std::vector<std::exception_ptr> failures(static_cast<size_t>(parts));
+    const auto runPart = [&](int part) {
+        try {
+            const int b0 = firstBand + bands * part / parts;
+            const int b1 = firstBand + bands * (part + 1) / parts - 1;
+            const int y0 = (part == 0) ? w.y0 : 4 * b0;
+            const int y1 = (part == parts - 1) ? w.y1 : 4 * b1 + 3;
+            foldInsideRows<FloatBands>(outline, w.x0, w.x1, y0, y1, matrix.GetMatrixDataDirectly(), width, height,
+                                       update);
+        } catch (...) {
+            failures[static_cast<size_t>(part)] = std::current_exception();
+        }
+    };
+    std::vector<std::thread> workers;
+    for (int part = 1; part < parts; ++part) {
+        try {
+            workers.emplace_back(runPart, part);
+        } catch (...) {
+            runPart(part); // no thread to be had: do this part here
+        }
+    }
+    runPart(0);
+    for (std::thread& t : workers)
+        t.join();
+    for (const std::exception_ptr& failure : failures)
+        if (failure)
+            std::rethrow_exception(failure);
+}
+
+template <class Matrix>
+using BandsOf = std::conditional_t<std::is_same_v<Matrix, CSSEcharMatrix>, CharBands, FloatBands>;
+
+// The fine fills differ only in how an interior cell is updated (and the threaded one in how
+// the rows are shared out); the update is inlined into the band fold as a policy.
+template <bool Parallel = false, class Matrix, class Update>
+void fillFine(CSSE3dPolygon& polygon, Matrix* matrix, bool subsample, float yMin, float yMax, Update update)
+{
+    if (!hasStorage(matrix))
+        return;
+    const FineScan scan(polygon, matrix->GetSizeX(), matrix->GetSizeY(), subsample, yMin, yMax);
+    const ScanWindow& w = scan.window;
+    if constexpr (Parallel)
+        foldInsideRowsInParallel(scan.outline, w, *matrix, update);
+    else
+        foldInsideRows<BandsOf<Matrix>>(scan.outline, w.x0, w.x1, w.y0, w.y1, matrix->GetMatrixDataDirectly(),
+                                        matrix->GetSizeX(), matrix->GetSizeY(), update);
+}
+
+} // namespace
+} // namespace qzsse::detail
+
+using qzsse::detail::FloatBands;
+using qzsse::detail::OutlineXY;
+using qzsse::detail::ScanWindow;
+
+void CSSE3dPolygon::DrawInMatrixAndFillCoarse(float value, CSSEMatrix* matrix, bool subsample, float yMin, float yMax)
+{
+    using qzsse::detail::truncToInt;
+    if (!qzsse::detail::hasStorage(matrix))
+        return;
+    CalcBoundingBox();
+    const long long x0 = truncToInt(m_pBottomLeft->x);
+    const long long x1 = truncToInt(m_pTopRight->x);
+    const long long yTop = truncToInt(m_pTopRight->y);
+    const long long y0 = std::min<long long>(std::max<long long>(truncToInt(m_pBottomLeft->y), truncToInt(yMin)), yTop);
+    const long long y1 = std::max<long long>(std::min<long long>(yTop, truncToInt(yMax)), y0);
+
+    qzsse::detail::PreparedCopy copy(*this, subsample);
+    const OutlineXY o = copy.outline();
+    if (o.n < 3)
+        return;
+    qzsse::detail::RowInsideScanner scanner(o);
+    std::vector<qzsse::detail::InsideRun> runs;
+    const long long step = qzsse::detail::c_iCoarseStep;
+    const long long latticeX0 = x0 - qzsse::detail::c_iCoarseMargin;
+    const long long latticeEnd = x1 + qzsse::detail::c_iCoarseMargin; // exclusive
+    const long long rightmostCentre = matrix->GetSizeX() - 2;
+    for (long long y = y0 - qzsse::detail::c_iCoarseMargin; y < y1 + qzsse::detail::c_iCoarseMargin; y += step) {
+        if (y < INT_MIN || y > INT_MAX)
+            continue; // only for coordinates beyond the int range
+        for (long long chunk = latticeX0; chunk < latticeEnd; chunk += qzsse::detail::c_iCoarseChunkColumns) {
+            const long long chunkLast = std::min(chunk + qzsse::detail::c_iCoarseChunkColumns, latticeEnd) - 1;
+            if (chunk < INT_MIN || chunkLast > INT_MAX)
+                continue;
+            scanner.scanRow(static_cast<int>(y), static_cast<int>(chunk), static_cast<int>(chunkLast), runs);
+            for (const qzsse::detail::InsideRun& run : runs) {
+                long long lx = chunk + (run.first - chunk + step - 1) / step * step;
+                // Lattice points left of column 1 all clamp to one box centre, and so do those
+                // right of the last possible centre: one write stands for each group.
+                if (lx <= run.last && lx < 1) {
+                    matrix->Set3x3BoxPoint(static_cast<int>(lx), static_cast<int>(y), value);
+                    lx += (1 - lx + step - 1) / step * step;
+                }
+                for (; lx <= run.last; lx += step) {
+                    matrix->Set3x3BoxPoint(static_cast<int>(lx), static_cast<int>(y), value);
+                    if (lx >= rightmostCentre)
+                        break;
+                }
+            }
+        }
+    }
+}
+
+void CSSE3dPolygon::DrawInMatrixAndFillFine(float value, CSSEMatrix* matrix, bool subsample, float yMin, float yMax)
+{
+    qzsse::detail::fillFine(*this, matrix, subsample, yMin, yMax, qzsse::detail::StoreValue{_mm_set1_ps(value)});
+}
+
+void CSSE3dPolygon::DrawInMatrixAndFillFineMin(float value, CSSEMatrix* matrix, bool subsample, float yMin,
+                                               float yMax)
+{
+    qzsse::detail::fillFine(*this, matrix, subsample, yMin, yMax, qzsse::detail::MinValue{_mm_set1_ps(value)});
+}
+
+void CSSE3dPolygon::DrawInMatrixAndFillFineMax(float value, CSSEMatrix* matrix, bool subsample, float yMin,
+                                               float yMax)
+{
+    qzsse::detail::fillFine(*this, matrix, subsample, yMin, yMax, qzsse::detail::MaxValue{_mm_set1_ps(value)});
+}
+
+void CSSE3dPolygon::DrawInMatrixAndFillFineForLoop(float value, CSSEMatrix* matrix, bool subsample, float yMin,
+                                                   float yMax)
+{
+    qzsse::detail::fillFine<true>(*this, matrix, subsample, yMin, yMax, qzsse::detail::StoreValue{_mm_set1_ps(value)});
+}
+
+void CSSE3dPolygon::DrawSubInMatrixAndFill(float value, CSSEMatrix* matrix, float threshold, bool subsample,
+                                           float yMin, float yMax)
+{
+    qzsse::detail::fillFine(*this, matrix, subsample, yMin, yMax,
+                            qzsse::detail::ClearNearValue{_mm_set1_ps(value), _mm_set1_ps(threshold)});
+}
+
+void CSSE3dPolygon::DrawInCharMatrixAndFillFine(char value, CSSEcharMatrix* matrix, bool subsample, float yMin,
+                                                float yMax)
+{
+    qzsse::detail::fillFine(*this, matrix, subsample, yMin, yMax, qzsse::detail::StoreByte{_mm_set1_epi8(value)});
+}
+
+void CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine(float value, CSSEMatrix* matrix, CSSE3dPolygon* insert,
+                                                             bool subsample, float yMin, float yMax)
+{
+    if (insert == nullptr) {
+        DrawInMatrixAndFillFine(value, matrix, subsample, yMin, yMax);
+        return;
+    }
+    if (!qzsse::detail::hasStorage(matrix))
+        return;
+    const int width = matrix->GetSizeX();
+    const int height = matrix->GetSizeY();
+    const qzsse::detail::FineScan scan(*this, width, height, subsample, yMin, yMax);
+    qzsse::detail::PreparedCopy hole(*insert, subsample);
+    const ScanWindow& w = scan.window;
+    if (scan.outline.n < 3 || w.x0 > w.x1)
+        return;
+    qzsse::detail::RowInsideScanner outer(scan.outline), inner(hole.outline());
+    const qzsse::detail::StoreValue store{_mm_set1_ps(value)};
+    qzsse::detail::BandMaskFolder<FloatBands, qzsse::detail::StoreValue> folder(matrix->GetMatrixDataDirectly(), width,
+                                                                                height, store);
+    std::vector<qzsse::detail::InsideRun> inside, holeRuns, kept;
+    for (int y = w.y0; y <= w.y1; ++y) {
+        outer.scanRow(y, w.x0, w.x1, inside);
+        if (inside.empty())
+            continue;
+        inner.scanRow(y, w.x0, w.x1, holeRuns);
+        qzsse::detail::subtractRuns(inside, holeRuns, kept);
+        folder.addRuns(y, kept);
+    }
+    folder.finish();
+}
+
+void CSSE3dPolygon::DrawInMatrixAndFillToOneSideFront(float value, CSSEMatrix* matrix, bool subsample, float yMin,
+                                                      float yMax)
+{
+    using qzsse::detail::clampInto;
+    if (!qzsse::detail::hasStorage(matrix))
+        return;
+    const int width = matrix->GetSizeX();
+    const int height = matrix->GetSizeY();
+    const qzsse::detail::FineScan scan(*this, width, height, subsample, yMin, yMax);
+    const ScanWindow& w = scan.window;
+    if (scan.outline.n < 3 || w.x0 > w.x1)
+        return;
+
+    // Last interior row of every matrix column, after clamping (rows only grow, so the last
+    // run that reaches a column decides).
+    std::vector<int> lastRow(static_cast<size_t>(width), -1);
+    qzsse::detail::RowInsideScanner scanner(scan.outline);
+    std::vector<qzsse::detail::InsideRun> runs;
+    for (int y = w.y0; y <= w.y1; ++y) {
+        scanner.scanRow(y, w.x0, w.x1, runs);
+        const int row = clampInto(y, 0, height - 1);
+        for (const qzsse::detail::InsideRun& run : runs)
+            for (int x = clampInto(run.first, 0, width - 1); x <= clampInto(run.last, 0, width - 1); ++x)
+                lastRow[static_cast<size_t>(x)] = row;
+    }
+    const int frontRow = clampInto(w.y0, 0, height - 1);
+    const int deepest = *std::max_element(lastRow.begin(), lastRow.end());
+    if (deepest < 0)
+        return;
+    const __m128 fill = _mm_set1_ps(value);
+    __m128** data = matrix->GetMatrixDataDirectly();
+    for (int band = frontRow >> 2; band <= deepest >> 2; ++band) {
+        __m128* cells = data[band];
+        for (int x = 0; x < width; ++x) {
+            const int last = lastRow[static_cast<size_t>(x)];
+            if (last < 4 * band)
+                continue;
+            const __m128 mask = qzsse::detail::rowRangeMask(4 * band, frontRow, last);
+            cells[x] = _mm_or_ps(_mm_and_ps(mask, fill), _mm_andnot_ps(mask, cells[x]));
+        }
+    }
+}

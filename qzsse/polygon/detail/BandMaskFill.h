@@ -1,0 +1,198 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <emmintrin.h>
+#include <memory>
+#include <vector>
+
+#include "qzsse/core/SafeAlloc.h"
+#include "qzsse/polygon/detail/RowInsideScanner.h"
+
+namespace qzsse::detail {
+
+// Float matrix: four rows per band, one 32-bit mask lane per row.
+struct FloatBands {
+    using Vector = __m128;
+    using Flag = std::uint32_t;
+    static constexpr int c_iLanes = 4;
+    static constexpr int c_iShift = 2;
+
+    template <class Update>
+    static void apply(Vector& cell, const Flag* flags, Update& update)
+    {
+        const __m128 mask = _mm_load_ps(reinterpret_cast<const float*>(flags));
+        if (_mm_movemask_ps(mask) == 0)
+            return;
+        const __m128 old = cell;
+        cell = _mm_or_ps(_mm_and_ps(mask, update(old)), _mm_andnot_ps(mask, old));
+    }
+};
+
+// Char matrix: sixteen rows per band, one byte mask lane per row.
+struct CharBands {
+    using Vector = __m128i;
+    using Flag = std::uint8_t;
+    static constexpr int c_iLanes = 16;
+    static constexpr int c_iShift = 4;
+
+    template <class Update>
+    static void apply(Vector& cell, const Flag* flags, Update& update)
+    {
+        const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(flags));
+        if (_mm_movemask_epi8(mask) == 0)
+            return;
+        const __m128i old = cell;
+        cell = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));
+    }
+};
+
+struct AlignedFree {
+    void operator()(void* p) const { SafeAlignedFree(p); }
+};
+
+// Cell updates of the fills, each a packed form of its per-cell rule.
+struct StoreValue {
+    __m128 value;
+    __m128 operator()(__m128) const { return value; }
+};
+// (value > cell) ? cell : value, as SetPointMin
+struct MinValue {
+    __m128 value;
+    __m128 operator()(__m128 cell) const { return _mm_min_ps(cell, value); }
+};
+// (cell > value) ? cell : value, as SetPointMax
+struct MaxValue {
+    __m128 value;
+    __m128 operator()(__m128 cell) const { return _mm_max_ps(cell, value); }
+};
+// 0 where threshold > cell - value
+struct ClearNearValue {
+    __m128 value;
+    __m128 threshold;
+    __m128 operator()(__m128 cell) const
+    {
+        return _mm_andnot_ps(_mm_cmplt_ps(_mm_sub_ps(cell, value), threshold), cell);
+    }
+};
+struct StoreByte {
+    __m128i value;
+    __m128i operator()(__m128i) const { return value; }
+};
+
+inline int clampInto(int v, int lo, int hi)
+{
+    if (v < lo)
+        v = lo;
+    if (v > hi)
+        v = hi;
+    return v;
+}
+
+// Collects which cells of a banded matrix the inside pixels of a scan reach once their
+// coordinates are clamped into the matrix, one band at a time, and then updates those cells
+// with one lane select per column. Every update used with it is idempotent (store, min,
+// max, conditional clear), so a border cell reached from several clamped positions ends as
+// if reached once, and the order of the visits does not matter.
+template <class Bands, class Update>
+class BandMaskFolder {
+public:
+    using Vector = typename Bands::Vector;
+    using Flag = typename Bands::Flag;
+
+    BandMaskFolder(Vector** bands, int width, int height, Update update)
+        : m_bands(bands), m_width(width), m_height(height), m_update(update)
+    {
+        const size_t bytes = static_cast<size_t>(width) * Bands::c_iLanes * sizeof(Flag);
+        m_flags.reset(static_cast<Flag*>(SafeAlignedAlloc(bytes, 16)));
+        std::memset(m_flags.get(), 0, bytes);
+    }
+    BandMaskFolder(const BandMaskFolder&) = delete;
+    BandMaskFolder& operator=(const BandMaskFolder&) = delete;
+    ~BandMaskFolder() = default;
+
+    // Marks the inside runs of scan row y (any row: it is clamped here).
+    void addRuns(int y, const std::vector<InsideRun>& runs)
+    {
+        if (runs.empty())
+            return;
+        const int row = clampInto(y, 0, m_height - 1);
+        selectBand(row >> Bands::c_iShift);
+        const int lane = row & (Bands::c_iLanes - 1);
+        for (const InsideRun& run : runs) {
+            const int first = clampInto(run.first, 0, m_width - 1);
+            const int last = clampInto(run.last, 0, m_width - 1);
+            Flag* f = m_flags.get() + static_cast<size_t>(first) * Bands::c_iLanes + lane;
+            for (int x = first; x <= last; ++x, f += Bands::c_iLanes)
+                *f = static_cast<Flag>(~Flag(0));
+            if (first < m_lo)
+                m_lo = first;
+            if (last > m_hi)
+                m_hi = last;
+        }
+    }
+
+    // Marks cell (x, y) of the matrix directly (both inside the matrix).
+    void addCell(int x, int y)
+    {
+        selectBand(y >> Bands::c_iShift);
+        m_flags[static_cast<size_t>(x) * Bands::c_iLanes + (y & (Bands::c_iLanes - 1))] = static_cast<Flag>(~Flag(0));
+        if (x < m_lo)
+            m_lo = x;
+        if (x > m_hi)
+            m_hi = x;
+    }
+
+    void finish() { flush(); }
+
+private:
+    void selectBand(int band)
+    {
+        if (band != m_band) {
+            flush();
+            m_band = band;
+        }
+    }
+
+    void flush()
+    {
+        if (m_band < 0 || m_lo > m_hi)
+            return;
+        Vector* band = m_bands[m_band];
+        Flag* flags = m_flags.get();
+        for (int x = m_lo; x <= m_hi; ++x)
+            Bands::apply(band[x], flags + static_cast<size_t>(x) * Bands::c_iLanes, m_update);
+        std::memset(flags + static_cast<size_t>(m_lo) * Bands::c_iLanes, 0,
+                    static_cast<size_t>(m_hi - m_lo + 1) * Bands::c_iLanes * sizeof(Flag));
+        m_lo = m_width;
+        m_hi = -1;
+    }
+
+    Vector** m_bands;
+    int m_width;
+    int m_height;
+    Update m_update;
+    std::unique_ptr<Flag, AlignedFree> m_flags;
+    int m_band = -1;
+    int m_lo = 0x7fffffff;
+    int m_hi = -1;
+};
+
+// Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
+template <class Bands, class Update>
+void foldInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, typename Bands::Vector** bands,
+                    int width, int height, Update update)
+{
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return;
+    RowInsideScanner scanner(outline);
+    BandMaskFolder<Bands, Update> folder(bands, width, height, update);
+    std::vector<InsideRun> runs;
+    for (long long y = y0; y <= y1; ++y) {
+        scanner.scanRow(static_cast<int>(y), x0, x1, runs);
+        folder.addRuns(static_cast<int>(y), runs);
+    }
+    folder.finish();
+}
+
+} // namespace qzsse::detail
