@@ -5,6 +5,7 @@
 #include "qzsse/base/CArchive.h"
 #include "qzsse/base/CFile.h"
 #include "qzsse/base/CString.h"
+#include "qzsse/base/QzCDirectory.h"
 #include "qzsse/base/RbArray.h"
 #include "qzsse/base/RbMap.h"
 #include "qzsse/base/RbReferenceCounted.h"
@@ -13,7 +14,12 @@
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
 #include "qzsse/base/RbStreamWriteBinary.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
+#include "qzsse/base/RbVector3f.h"
 #include "qzsse/base/RyField2D.h"
+#include "qzsse/base/RyFloatingPointQuantization.h"
+#include "qzsse/base/RyHermiteSpline.h"
+#include "qzsse/base/RyJPEGWriter.h"
+#include "qzsse/base/RyPolyLineOld.h"
 #include "qzsse/base/RyStreamReadBinaryFile.h"
 #include "qzsse/base/RyStreamWriteBinaryFile.h"
 
@@ -24,3 +30,10 @@
 #include "qzsse/matrix/CImgFromToArray.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
+
+#include "qzsse/storage/QzCSSEMatrixLibrary.h"
+
+#include "qzsse/contour/CPixelChain.h"
+
+#include "qzsse/polygon/CSSE2dPolygon.h"
+#include "qzsse/polygon/CSSE3dPolygon.h"
