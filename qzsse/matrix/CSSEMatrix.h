@@ -228,7 +228,7 @@ public:
     static constexpr unsigned int c_uiStreamVersion = 4;
     // Also sets m_fMaxAbsCompressionError to the largest error a reader will see. Departures,
     // on purpose: more than 255 passes (methods 1-3) throw std::invalid_argument before
-    // anything is written, where the original's 8-bit pass counter looped for ever; a pass
+    // anything is written, where an 8-bit pass counter would never reach the end; a pass
     // or bit plane the image codecs cannot encode (a matrix without pixels under methods 2-4)
     // throws std::runtime_error, and a matrix without storage std::logic_error, both with
     // nothing written. An invalid value NaN matches every NaN.
@@ -242,9 +242,9 @@ public:
     // string "CSSEMatrix", including when it cannot be read as a string at all.
     void Serialize(CArchive& archive);
     // Writes a temporary file beside path and renames it over path only when complete
-    // (departure: the original wrote in place). False if the temporary file cannot be
-    // created or renamed, with path untouched; an exception while writing propagates after
-    // the temporary file is removed, path untouched as well.
+    // (a departure from writing in place, which lost the old file on failure). False if the
+    // temporary file cannot be created or renamed, with path untouched; an exception while
+    // writing propagates after the temporary file is removed, path untouched as well.
     bool Store(CString path);
     // False if the file cannot be opened; read errors throw (RbStreamException for bad bytes).
     bool Load(CString path);
