@@ -4,6 +4,7 @@
 
 #include <xmmintrin.h>
 
+#include "qzsse/core/detail/ClampInto.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 
 namespace qzsse::detail {
@@ -12,16 +13,6 @@ namespace {
 // Direction n steps by (c_dirX[n], c_dirY[n]); y grows downwards.
 constexpr int c_dirX[8] = {0, -1, -1, -1, 0, 1, 1, 1};
 constexpr int c_dirY[8] = {-1, -1, 0, 1, 1, 1, 0, -1};
-
-// Raise to the lower bound, then lower to the upper one, as the matrix clamps.
-inline int clampInto(long long v, int lo, int hi)
-{
-    if (v < lo)
-        v = lo;
-    if (v > hi)
-        v = hi;
-    return static_cast<int>(v);
-}
 
 // The trace reads the matrix directly: a clamped read that is the matrix's GetPoint
 // without the call, since the walk reads up to nine pixels per step.

@@ -3,20 +3,10 @@
 #include <cstddef>
 
 #include "qzsse/core/SafeAlloc.h"
+#include "qzsse/core/detail/ClampInto.h"
 
 namespace qzsse::detail {
 namespace {
-
-// Raised to the lower bound first, then lowered to the upper one: when the range is empty
-// (an image narrower than the footprint) the upper bound wins.
-inline int clampCoord(int v, int lo, int hi)
-{
-    if (v < lo)
-        v = lo;
-    if (v > hi)
-        v = hi;
-    return v;
-}
 
 inline float clampUnit(float v)
 {
@@ -86,26 +76,26 @@ inline int truncToInt(float v)
 } // namespace
 } // namespace qzsse::detail
 
-using qzsse::detail::clampCoord;
+using qzsse::detail::clampInto;
 
 float CSSEMatrix::GetPoint(int x, int y) const
 {
-    x = clampCoord(x, 0, m_SizeX - 1);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 0, m_SizeX - 1);
+    y = clampInto(y, 0, m_SizeY - 1);
     return GetPointUnsafe(x, y);
 }
 
 void CSSEMatrix::SetPoint(int x, int y, float v)
 {
-    x = clampCoord(x, 0, m_SizeX - 1);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 0, m_SizeX - 1);
+    y = clampInto(y, 0, m_SizeY - 1);
     SetPointUnsafe(x, y, v);
 }
 
 float* CSSEMatrix::GetPointAddress(int x, int y)
 {
-    x = clampCoord(x, 0, m_SizeX - 1);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 0, m_SizeX - 1);
+    y = clampInto(y, 0, m_SizeY - 1);
     return GetPointAddressUnsafe(x, y);
 }
 
@@ -123,8 +113,8 @@ void CSSEMatrix::SetPointMax(int x, int y, float v)
 
 void CSSEMatrix::SetPointAndRightOfPoint(int x, int y, float v)
 {
-    x = clampCoord(x, 0, m_SizeX - 2);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 0, m_SizeX - 2);
+    y = clampInto(y, 0, m_SizeY - 1);
     float* p = GetPointAddressUnsafe(x, y);
     p[0] = v;
     p[4] = v;
@@ -132,8 +122,8 @@ void CSSEMatrix::SetPointAndRightOfPoint(int x, int y, float v)
 
 void CSSEMatrix::SetPointAndLeftOfPoint(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 1);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 1, m_SizeX - 1);
+    y = clampInto(y, 0, m_SizeY - 1);
     float* p = GetPointAddressUnsafe(x, y);
     p[-4] = v;
     p[0] = v;
@@ -141,8 +131,8 @@ void CSSEMatrix::SetPointAndLeftOfPoint(int x, int y, float v)
 
 void CSSEMatrix::SetTriplePointMin(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 0, m_SizeY - 1);
     float* p = GetPointAddressUnsafe(x, y);
     p[-4] = qzsse::detail::minInto(p[-4], v);
     p[0] = qzsse::detail::minInto(p[0], v);
@@ -151,8 +141,8 @@ void CSSEMatrix::SetTriplePointMin(int x, int y, float v)
 
 void CSSEMatrix::SetTriplePointMax(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 0, m_SizeY - 1);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 0, m_SizeY - 1);
     float* p = GetPointAddressUnsafe(x, y);
     p[-4] = qzsse::detail::maxInto(p[-4], v);
     p[0] = qzsse::detail::maxInto(p[0], v);
@@ -161,64 +151,64 @@ void CSSEMatrix::SetTriplePointMax(int x, int y, float v)
 
 void CSSEMatrix::SetCross(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyCross<qzsse::detail::StoreOp>(m_Data, x, y, v);
 }
 
 void CSSEMatrix::SetCrossMin(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyCross<qzsse::detail::MinOp>(m_Data, x, y, v);
 }
 
 void CSSEMatrix::SetCrossMax(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyCross<qzsse::detail::MaxOp>(m_Data, x, y, v);
 }
 
 void CSSEMatrix::Set3x3BoxPoint(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyBox<qzsse::detail::StoreOp>(m_Data, x, y, 1, v);
 }
 
 void CSSEMatrix::Set3x3BoxPointMin(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyBox<qzsse::detail::MinOp>(m_Data, x, y, 1, v);
 }
 
 void CSSEMatrix::Set3x3BoxPointMax(int x, int y, float v)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     qzsse::detail::applyBox<qzsse::detail::MaxOp>(m_Data, x, y, 1, v);
 }
 
 void CSSEMatrix::Set5x5BoxPointMin(int x, int y, float v)
 {
-    x = clampCoord(x, 2, m_SizeX - 3);
-    y = clampCoord(y, 2, m_SizeY - 3);
+    x = clampInto(x, 2, m_SizeX - 3);
+    y = clampInto(y, 2, m_SizeY - 3);
     qzsse::detail::applyBox<qzsse::detail::MinOp>(m_Data, x, y, 2, v);
 }
 
 void CSSEMatrix::Set5x5BoxPointMax(int x, int y, float v)
 {
-    x = clampCoord(x, 2, m_SizeX - 3);
-    y = clampCoord(y, 2, m_SizeY - 3);
+    x = clampInto(x, 2, m_SizeX - 3);
+    y = clampInto(y, 2, m_SizeY - 3);
     qzsse::detail::applyBox<qzsse::detail::MaxOp>(m_Data, x, y, 2, v);
 }
 
 void CSSEMatrix::Set11x11BoxPointMax(int x, int y, float v)
 {
-    x = clampCoord(x, 5, m_SizeX - 6);
-    y = clampCoord(y, 5, m_SizeY - 6);
+    x = clampInto(x, 5, m_SizeX - 6);
+    y = clampInto(y, 5, m_SizeY - 6);
     qzsse::detail::applyBox<qzsse::detail::MaxOp>(m_Data, x, y, 5, v);
 }
 
@@ -226,8 +216,8 @@ void CSSEMatrix::Set11x11BoxPointMax(int x, int y, float v)
 // the running value only when it is strictly larger, so a NaN neighbour wins its step.
 float CSSEMatrix::GetPointMax3x3(int x, int y)
 {
-    x = clampCoord(x, 1, m_SizeX - 2);
-    y = clampCoord(y, 1, m_SizeY - 2);
+    x = clampInto(x, 1, m_SizeX - 2);
+    y = clampInto(y, 1, m_SizeY - 2);
     float m = GetPointUnsafe(x, y);
     m = qzsse::detail::maxInto(m, GetPointUnsafe(x - 1, y));
     m = qzsse::detail::maxInto(m, GetPointUnsafe(x + 1, y));
@@ -241,8 +231,8 @@ float CSSEMatrix::GetPointMax3x3(int x, int y)
 // neighbours.
 float CSSEMatrix::GetPixelPreciseFloat(float x, float y, bool /*unused*/) const
 {
-    const int ix = clampCoord(qzsse::detail::truncToInt(x), 1, m_SizeX - 2);
-    const int iy = clampCoord(qzsse::detail::truncToInt(y), 1, m_SizeY - 2);
+    const int ix = clampInto(qzsse::detail::truncToInt(x), 1, m_SizeX - 2);
+    const int iy = clampInto(qzsse::detail::truncToInt(y), 1, m_SizeY - 2);
     const float fx = qzsse::detail::clampUnit(x - static_cast<float>(ix));
     const float fy = qzsse::detail::clampUnit(y - static_cast<float>(iy));
     const float gx = 1.0f - fx;
@@ -258,7 +248,7 @@ void CSSEMatrix::FillMatrixWithProcessedRow()
     if (m_SizeX < 1 || m_SizeY < 1)
         return;
 
-    const int r = clampCoord(m_RowProcessed, 0, m_SizeY - 1);
+    const int r = clampInto(m_RowProcessed, 0, m_SizeY - 1);
     const int e = (r & ~3) + 4;
 
     auto* rowVectors = static_cast<__m128*>(
@@ -269,8 +259,8 @@ void CSSEMatrix::FillMatrixWithProcessedRow()
         rowVectors[x] = _mm_set1_ps(source[x << 2]);
 
     for (int y = r + 1; y < e; ++y) {
-        const float* from = GetPointAddressUnsafe(0, clampCoord(y - 1, 0, m_SizeY - 1));
-        float* to = GetPointAddressUnsafe(0, clampCoord(y, 0, m_SizeY - 1));
+        const float* from = GetPointAddressUnsafe(0, clampInto(y - 1, 0, m_SizeY - 1));
+        float* to = GetPointAddressUnsafe(0, clampInto(y, 0, m_SizeY - 1));
         for (int x = 0; x < m_SizeX; ++x)
             to[x << 2] = from[x << 2];
     }

@@ -4,21 +4,7 @@
 #include <cstring>
 
 #include "qzsse/core/SafeAlloc.h"
-
-namespace qzsse::detail {
-namespace {
-
-inline int clampCharCoord(int v, int lo, int hi)
-{
-    if (v < lo)
-        v = lo;
-    if (v > hi)
-        v = hi;
-    return v;
-}
-
-} // namespace
-} // namespace qzsse::detail
+#include "qzsse/core/detail/ClampInto.h"
 
 CSSEcharMatrix::CSSEcharMatrix(const CSSEcharMatrix& other)
 {
@@ -94,14 +80,14 @@ void CSSEcharMatrix::Free()
 
 void CSSEcharMatrix::SetPoint(int x, int y, signed char value)
 {
-    x = qzsse::detail::clampCharCoord(x, 0, m_SizeX - 1);
-    y = qzsse::detail::clampCharCoord(y, 0, m_SizeY - 1);
+    x = qzsse::detail::clampInto(x, 0, m_SizeX - 1);
+    y = qzsse::detail::clampInto(y, 0, m_SizeY - 1);
     reinterpret_cast<signed char*>(m_Data[y >> 4])[(x << 4) + (y & 15)] = value;
 }
 
 signed char CSSEcharMatrix::GetPoint(int x, int y) const
 {
-    x = qzsse::detail::clampCharCoord(x, 0, m_SizeX - 1);
-    y = qzsse::detail::clampCharCoord(y, 0, m_SizeY - 1);
+    x = qzsse::detail::clampInto(x, 0, m_SizeX - 1);
+    y = qzsse::detail::clampInto(y, 0, m_SizeY - 1);
     return reinterpret_cast<const signed char*>(m_Data[y >> 4])[(x << 4) + (y & 15)];
 }

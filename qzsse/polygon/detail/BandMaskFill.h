@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "qzsse/core/SafeAlloc.h"
+#include "qzsse/core/detail/ClampInto.h"
 #include "qzsse/polygon/detail/RowInsideScanner.h"
 
 namespace qzsse::detail {
@@ -79,15 +80,6 @@ struct StoreByte {
     __m128i value;
     __m128i operator()(__m128i) const { return value; }
 };
-
-inline int clampInto(int v, int lo, int hi)
-{
-    if (v < lo)
-        v = lo;
-    if (v > hi)
-        v = hi;
-    return v;
-}
 
 // Collects which cells of a banded matrix the inside pixels of a scan reach once their
 // coordinates are clamped into the matrix, one band at a time, and then updates those cells
