@@ -26,6 +26,29 @@ inline int sumOfCounts(__m128i count)
     return lanes[0] + lanes[1] + lanes[2] + lanes[3];
 }
 
+// Counts the lanes of every band (padding rows included) where test(v) is true. Two
+// running counts, for even and odd columns, let the loads run ahead of the additions.
+template <class Test>
+int countLanesWhere(const CSSEMatrix& m, Test test)
+{
+    __m128** data = m.GetMatrixDataDirectly();
+    const int bands = m.GetSSESizeY();
+    const int cols = m.GetSSESizeX();
+    __m128i even = _mm_setzero_si128();
+    __m128i odd = _mm_setzero_si128();
+    for (int j = 0; j < bands; ++j) {
+        const __m128* band = data[j];
+        int x = 0;
+        for (; x + 1 < cols; x += 2) {
+            even = countLanes(even, test(band[x]));
+            odd = countLanes(odd, test(band[x + 1]));
+        }
+        if (x < cols)
+            even = countLanes(even, test(band[x]));
+    }
+    return sumOfCounts(_mm_add_epi32(even, odd));
+}
+
 inline __m128 absoluteOf(__m128 v)
 {
     return _mm_sqrt_ps(_mm_mul_ps(v, v));
@@ -183,17 +206,13 @@ using namespace qzsse::detail;
 int CSSEMatrix::NumValuesAbove(float t)
 {
     const __m128 tv = _mm_set1_ps(t);
-    __m128i count = _mm_setzero_si128();
-    forEachVector(*this, [&](__m128& p) { count = countLanes(count, _mm_cmplt_ps(tv, p)); });
-    return sumOfCounts(count);
+    return qzsse::detail::countLanesWhere(*this, [tv](__m128 p) { return _mm_cmplt_ps(tv, p); });
 }
 
 int CSSEMatrix::NumValuesBelow(float t)
 {
     const __m128 tv = _mm_set1_ps(t);
-    __m128i count = _mm_setzero_si128();
-    forEachVector(*this, [&](__m128& p) { count = countLanes(count, _mm_cmplt_ps(p, tv)); });
-    return sumOfCounts(count);
+    return qzsse::detail::countLanesWhere(*this, [tv](__m128 p) { return _mm_cmplt_ps(p, tv); });
 }
 
 int CSSEMatrix::NumValuesAbove(CSSEMatrix* other)
