@@ -26,25 +26,28 @@ inline int sumOfCounts(__m128i count)
     return lanes[0] + lanes[1] + lanes[2] + lanes[3];
 }
 
-// Counts the lanes of every band (padding rows included) where test(v) is true. Two
-// running counts, for even and odd columns, let the loads run ahead of the additions.
+// Counts the lanes of every band of m (padding rows included) where test(v, o) is true, o
+// being the vector at the same place in `partner` (at least as large as m). Two running
+// counts, for even and odd columns, let the loads run ahead of the additions.
 template <class Test>
-int countLanesWhere(const CSSEMatrix& m, Test test)
+int countLanesWhere(const CSSEMatrix& m, const CSSEMatrix& partner, Test test)
 {
     __m128** data = m.GetMatrixDataDirectly();
+    __m128** partnerData = partner.GetMatrixDataDirectly();
     const int bands = m.GetSSESizeY();
     const int cols = m.GetSSESizeX();
     __m128i even = _mm_setzero_si128();
     __m128i odd = _mm_setzero_si128();
     for (int j = 0; j < bands; ++j) {
         const __m128* band = data[j];
+        const __m128* partnerBand = partnerData[j];
         int x = 0;
         for (; x + 1 < cols; x += 2) {
-            even = countLanes(even, test(band[x]));
-            odd = countLanes(odd, test(band[x + 1]));
+            even = countLanes(even, test(band[x], partnerBand[x]));
+            odd = countLanes(odd, test(band[x + 1], partnerBand[x + 1]));
         }
         if (x < cols)
-            even = countLanes(even, test(band[x]));
+            even = countLanes(even, test(band[x], partnerBand[x]));
     }
     return sumOfCounts(_mm_add_epi32(even, odd));
 }
@@ -206,35 +209,27 @@ using namespace qzsse::detail;
 int CSSEMatrix::NumValuesAbove(float t)
 {
     const __m128 tv = _mm_set1_ps(t);
-    return qzsse::detail::countLanesWhere(*this, [tv](__m128 p) { return _mm_cmplt_ps(tv, p); });
+    return qzsse::detail::countLanesWhere(*this, *this, [tv](__m128 p, __m128) { return _mm_cmplt_ps(tv, p); });
 }
 
 int CSSEMatrix::NumValuesBelow(float t)
 {
     const __m128 tv = _mm_set1_ps(t);
-    return qzsse::detail::countLanesWhere(*this, [tv](__m128 p) { return _mm_cmplt_ps(p, tv); });
+    return qzsse::detail::countLanesWhere(*this, *this, [tv](__m128 p, __m128) { return _mm_cmplt_ps(p, tv); });
 }
 
 int CSSEMatrix::NumValuesAbove(CSSEMatrix* other)
 {
     if (other == nullptr)
         return 0;
-    __m128i count = _mm_setzero_si128();
-    forEachVectorPairThisExtent(*this, *other, [&](__m128& p, __m128 o) {
-        count = countLanes(count, _mm_cmpgt_ps(p, o));
-    });
-    return sumOfCounts(count);
+    return qzsse::detail::countLanesWhere(*this, *other, [](__m128 p, __m128 o) { return _mm_cmpgt_ps(p, o); });
 }
 
 int CSSEMatrix::NumValuesBelow(CSSEMatrix* other)
 {
     if (other == nullptr)
         return 0;
-    __m128i count = _mm_setzero_si128();
-    forEachVectorPairThisExtent(*this, *other, [&](__m128& p, __m128 o) {
-        count = countLanes(count, _mm_cmplt_ps(p, o));
-    });
-    return sumOfCounts(count);
+    return qzsse::detail::countLanesWhere(*this, *other, [](__m128 p, __m128 o) { return _mm_cmplt_ps(p, o); });
 }
 
 float CSSEMatrix::IntegrateMatrix()
