@@ -24,7 +24,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "NpyReader.h"
+#include "support/NpyReader.h"
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/matrix/CSSEMatrix.h"

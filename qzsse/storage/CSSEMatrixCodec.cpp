@@ -16,7 +16,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/matrix/detail/RowMask.h"
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
 namespace {

@@ -19,7 +19,7 @@
 #include "qzsse/base/detail/LittleEndian.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
 namespace {

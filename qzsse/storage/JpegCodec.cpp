@@ -4,7 +4,7 @@
 // jpeglib.h expects FILE and size_t to be declared before it.
 #include <jpeglib.h>
 
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
 namespace {

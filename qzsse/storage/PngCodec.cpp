@@ -5,7 +5,7 @@
 #include <png.h>
 #include <zlib.h>
 
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <tiffio.h>
 
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
 namespace {

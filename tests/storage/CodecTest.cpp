@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "qzsse/base/RyJPEGWriter.h"
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 #include "storage/StorageTestUtil.h"
 
 using namespace qzsse::storagetest;

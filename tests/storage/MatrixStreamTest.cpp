@@ -11,7 +11,7 @@
 
 #include "qzsse/base/CArchive.h"
 #include "qzsse/base/CFile.h"
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 #include "storage/StorageTestUtil.h"
 
 using namespace qzsse::storagetest;

@@ -27,6 +27,7 @@
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/base/RyFloatingPointQuantization.h"
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
+#include "support/NpyReader.h"
 
 namespace qzsse::storagetest {
 
@@ -241,24 +242,12 @@ inline LibraryParameters PngEntry(float maxAbsError, unsigned passes = 1, int di
     return p;
 }
 
-// The int16 height grid of data/ (.npy version 1, C order) as a matrix.
+// The DEM of data/ as a matrix.
 inline CSSEMatrix JacksboroHeights()
 {
-    const Bytes b = ReadFileBytes(std::filesystem::path(__FILE__).parent_path() / "data" / "jacksboro_fault_dem.npy");
-    if (b.size() < 10)
-        throw std::runtime_error("missing height grid file");
-    const size_t start = 10 + (b[8] | b[9] << 8);
-    const std::string header(reinterpret_cast<const char*>(b.data()) + 10, std::min(start, b.size()) - 10);
-    int height = 0, width = 0;
-    const size_t shape = header.find("'shape': (");
-    if (header.find("'<i2', 'fortran_order': False") == std::string::npos || shape == std::string::npos
-        || std::sscanf(header.c_str() + shape, "'shape': (%d, %d)", &height, &width) != 2
-        || b.size() < start + 2 * static_cast<size_t>(width) * height)
-        throw std::runtime_error("unexpected height grid file");
-    return MatrixOf(width, height, [&](int x, int y) {
-        const size_t at = start + 2 * (static_cast<size_t>(y) * width + x);
-        return static_cast<float>(static_cast<std::int16_t>(b[at] | b[at + 1] << 8));
-    });
+    const qzsse::detail::NpyGrid grid =
+        qzsse::detail::ReadNpy(std::filesystem::path(__FILE__).parent_path() / "data" / "jacksboro_fault_dem.npy");
+    return MatrixOf(grid.width, grid.height, [&](int x, int y) { return grid.at(x, y); });
 }
 
 } // namespace qzsse::storagetest

@@ -1,4 +1,4 @@
-#include "qzsse/storage/ImageCodecs.h"
+#include "qzsse/storage/detail/ImageCodecs.h"
 
 #include <cstring>
 #include <limits>

@@ -1,6 +1,6 @@
 #pragma once
 
-// A minimal reader for the 2-D .npy grids the benchmarks run on: little-endian int16,
+// A minimal reader for the 2-D .npy height grids the tests and benchmarks run on: little-endian int16,
 // float32 or float64 in C order, header versions 1 to 3. Anything else is refused with a
 // message rather than guessed at.
 
