@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whatever of the build and test dependencies is missing
 # (pngcheck and libtiff-tools are the tests' independent decoders of the image payloads,
-# Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer).
+# Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer,
+# CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -21,6 +22,7 @@ packages=(
   libtiff-tools
   libboost-dev
   liblerc-dev
+  libcgal-dev
 )
 
 missing=()
