@@ -54,10 +54,12 @@ public:
     // Subsampled mesh of the samples that also lie inside the polygon.
     CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY, float scaleZ,
                     int stepX, int stepY, CSSE3dPolygon* polygon);
-    // Subsampled mesh of a rectangle of the matrix (see CreateTriangulationFromSSEFieldSubSampled).
+    // Subsampled mesh of a rectangle of the matrix; fill is passed to AppendTriangle (see the
+    // rectangle form of CreateTriangulationFromSSEFieldSubSampled).
     CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY, float scaleZ,
                     int stepX, int stepY, int minX, int minY, int maxX, int maxY, bool fill);
-    // Mesh of the first matrix where it lies above (top) or below the second.
+    // Subsampled mesh of the first matrix's heights where it lies above (top) or below the
+    // second; see CreateTriangulationFromSSEFieldSubSampledTwoFields.
     CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top, float scaleX, float scaleY, float scaleZ,
                     int stepX, int stepY);
     CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top, float scaleX, float scaleY, float scaleZ,
@@ -79,27 +81,55 @@ public:
     void CopyFromHTriangulation(CHTriangulation* source);
 
     // --- meshing of height matrices -----------------------------------------------------------
+    // A sample is inside when above the threshold (top) or below it (!top), strictly; padding
+    // rows count towards N, the number of inside samples. Corners are (scaleX*x, scaleY*y,
+    // raw value, 0); normals point up for top and are inverted otherwise.
+    // Full resolution: reserves 2N records and keeps that count, the unwritten ones zeroed.
+    // Cells start on rows 0 .. 4*(height/4) - 1 only: rows after 4*(height/4) are left out,
+    // and with a height that is a multiple of four the last cells reach into the padding row.
     void CreateTriangulationFromSSEField(CSSEMatrix* matrix, float threshold, bool top);
+    // Subsampled: cells of stepX x stepY samples with corners at multiples of the steps, count
+    // trimmed to the triangles written, 0 when 2N / (stepX*stepY) is below 1. The arrays hold at
+    // least that many records, and two per inside cell corner when more, so a sampling grid that
+    // meets more inside samples than the matrix average loses no triangle.
     void CreateTriangulationFromSSEFieldSubSampled(CSSEMatrix* matrix, float threshold, bool top, int stepX,
                                                    int stepY);
+    // Polygon: a corner must also pass polygon->PointInLineInnerArea(x, y, 4) at its matrix
+    // column and row.
     void CreateTriangulationFromSSEFieldSubSampled(CSSEMatrix* matrix, float threshold, bool top, int stepX,
                                                    int stepY, CSSE3dPolygon* polygon);
+    // Rectangle: corners lie in columns minX..maxX and rows minY..maxY, both inclusive and
+    // clamped into the matrix, the first at (minX, minY); the whole matrix as rectangle gives
+    // the plain subsampled mesh when fill is false. fill is passed to AppendTriangle: a cell with
+    // an inside corner on each side is then meshed whole.
     void CreateTriangulationFromSSEFieldSubSampled(CSSEMatrix* matrix, float threshold, bool top, int stepX,
                                                    int stepY, int minX, int minY, int maxX, int maxY, bool fill);
+    // Two fields: a corner is inside when upper is strictly above (top) or below (!top) lower at the
+    // same sample; heights come from upper and normals are inverted for !top. N counts those samples
+    // (padding included); capacity, trimming and rectangle as in the one-field forms, no fill. lower
+    // must be at least as large as upper.
     void CreateTriangulationFromSSEFieldSubSampledTwoFields(CSSEMatrix* upper, CSSEMatrix* lower, bool top,
                                                             int stepX, int stepY);
     void CreateTriangulationFromSSEFieldSubSampledTwoFields(CSSEMatrix* upper, CSSEMatrix* lower, bool top,
                                                             int stepX, int stepY, int minX, int minY, int maxX,
                                                             int maxY);
-    // Writes the zero, one or two triangles of one grid cell at index, index + 1.
+    // Writes the zero, one or two triangles of one grid cell at index, index + 1. Masks: bit 0 for
+    // the corner at y0, bit 1 for y1; a full cell is split along (x0,y0)-(x1,y1). Inverted normals
+    // are 0 - n, so zero lanes stay +0; w is 0 in every written point, NaN heights included.
     void AppendTriangle(int maskLeft, int maskRight, float x0, float x1, float y0, float y1, float z00,
                         float z01, float z10, float z11, int& index, bool invert, bool fill);
 
     // --- neighbours and bookkeeping -----------------------------------------------------------
+    // Neighbours by exact corner equality (float comparison: -0.0 equals +0.0, NaN equals
+    // nothing), with the pointers the pairwise scan over the working list gives, where later
+    // matches overwrite and triangles drop out of the list once all three are set; found
+    // through a corner hash instead of comparing every pair. All pointers are cleared first,
+    // so a second call gives the same result. The triangles never completed stay listed.
     void CalcNeighbours();
     // The same operation as CalcNeighbours; no constraint is applied.
     void CalcNeighboursConstrained();
     void IndexTriangleList();
+    // Unlinks the record and nulls its own links; a record not in the list is left alone.
     void DeleteTriangleFromList(t_htriangle* triangle);
     void FindBorderTriangles();
     void CalcBoundingBox();
@@ -107,24 +137,49 @@ public:
     void CalcCenterPoint();
 
     // --- scan conversion ------------------------------------------------------------------------
+    // Draws the mesh back into a height image: pixel (px, py) collects the points with
+    // trunc((x - min.x) / resX + 0.5) == px (the same in y), values are (z - min.z) + offset.
+    // Samples land only strictly inside the outer pixel ring and each paints a five-pixel cross.
+    // Undrawn pixels hold a sentinel (-999999.875 upper, +999999.875 lower) until every pixel
+    // within 1.0 of it becomes 0.0. The mesh needs CalcSTV and CalcBoundingBox first.
     void SetScanConvResolution(float resX, float resY, float resZ);
+    // Upper envelope over the bounding box into a re-created target of
+    // trunc(extent / res + 0.5) pixels; an empty mesh or a box below half a pixel leaves the
+    // target untouched.
     void ScanConvertTriangulationMax(CSSEMatrix* target, float offset);
+    // Lower envelope, the same; the sampling step is divided by refine.
     void ScanConvertTriangulationMin(CSSEMatrix* target, float offset, float refine);
+    // Max / Min (refine 1) over the caller's box instead of the bounding box: size, pixel origin
+    // and height base come from minPoint and maxPoint; samples outside the box are dropped.
     void ScanConvertTriangulationMax_MinMaxPoint(CSSEMatrix* target, float offset, SSEPoint& maxPoint,
                                                  SSEPoint& minPoint);
     void ScanConvertTriangulationMin_MinMaxPoint(CSSEMatrix* target, float offset, SSEPoint& maxPoint,
                                                  SSEPoint& minPoint);
+    // Offset 0, refine 1. create: re-create and fill with the sentinel as Max / Min do; otherwise
+    // draw over the target's content at its own size (no storage: nothing happens), to gather
+    // several passes. The sentinel is cleared only when replace is set.
     void ScanConvertTriangulationMaxNoDelete(CSSEMatrix* target, bool create, bool replace);
     void ScanConvertTriangulationMinNoDelete(CSSEMatrix* target, bool create, bool replace);
+    // Draws over the existing target (as NoDelete without create or replace) only the samples
+    // whose mesh y lies in [minY, maxY].
     void ScanConvertTriangulationMaxNoDeleteInYArea(CSSEMatrix* target, float minY, float maxY);
     void ScanConvertTriangulationMinNoDeleteInYArea(CSSEMatrix* target, float minY, float maxY);
+    // The upper (top) or lower envelope into a target of sizeX x sizeY pixels whose pixel (0, 0)
+    // and height base are at origin (null: the bounding-box minimum); sizes below 1 do nothing.
     void ScanConvertTriangulationWithLimitedArea(CSSEMatrix* target, int sizeX, int sizeY, float offset,
                                                  SSEPoint* origin, bool top);
+    // Max / Min (refine 1), then every pixel whose centre (min.x + px*resX, min.y + py*resY)
+    // fails line->PointInLineInnerArea(x, y, 1) becomes 0.0; a null line limits nothing.
     void ScanConvertThroughLineMax(CSSEMatrix* target, CSSE3dPolygon* line, float offset);
     void ScanConvertThroughLineMin(CSSEMatrix* target, CSSE3dPolygon* line, float offset);
+    // Same grid, sentinels and size rule, but each triangle's xy projection is rasterised: every
+    // inner pixel whose centre it covers (edges included) gets the plane's height there, in that
+    // pixel only (no cross). Projections without area draw nothing.
     void FastScanConvertTriangulation(CSSEMatrix* target, float offset, bool top);
     void FastScanConvertTriangulation_MinMaxPoint(CSSEMatrix* target, float offset, SSEPoint& maxPoint,
                                                   SSEPoint& minPoint, bool top);
+    // A twice as dense second pass (refine 2) of the lower (RefineScanConvImage) or upper (Top)
+    // envelope over a finished image at its own size: pixels within 0.002 of 0.0 count as undrawn.
     void RefineScanConvImage(CSSEMatrix* target, float offset);
     void RefineScanConvImageTop(CSSEMatrix* target, float offset);
 

@@ -1,0 +1,409 @@
+// Neighbour finding and the working list of CHTriangulation.
+//
+// Neighbours are defined by a pairwise scan in list order: for each triangle t still in the
+// list and each later triangle u still in the list, t takes u across the first of its edges
+// (0,1), (1,2), (2,0) whose two corners both occur among u's corners, u takes t likewise,
+// and a triangle is dropped from the list once all three of its neighbours are set (t's own
+// walk then ends). Later matches overwrite earlier ones, so on non-manifold or degenerate
+// input the result depends on that order. The code below gives exactly the scan's result
+// without comparing every pair: only triangles sharing a corner point can match, so each
+// walk is replayed over those alone, in the same order.
+
+#include "qzsse/mesh/CHTriangulation.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <emmintrin.h>
+#include <vector>
+
+namespace qzsse::detail {
+
+namespace {
+
+// Corner equality is float equality on all four lanes, so -0.0 and +0.0 must share a key
+// (adding +0.0 maps -0.0 to +0.0 and leaves every other value as it is).
+inline __m128i canonicalBits(__m128 p)
+{
+    return _mm_castps_si128(_mm_add_ps(p, _mm_setzero_ps()));
+}
+
+inline bool hasNaN(__m128 p)
+{
+    return _mm_movemask_ps(_mm_cmpunord_ps(p, p)) != 0;
+}
+
+inline uint64_t hashBits(__m128i bits)
+{
+    uint64_t lo, hi;
+    std::memcpy(&lo, &bits, 8);
+    std::memcpy(&hi, reinterpret_cast<const char*>(&bits) + 8, 8);
+    uint64_t h = lo * 0x9E3779B97F4A7C15ULL ^ (hi + 0x632BE59BD9B4E019ULL) * 0xC2B2AE3D27D4EB4FULL;
+    h ^= h >> 31;
+    h *= 0xBF58476D1CE4E5B9ULL;
+    h ^= h >> 29;
+    return h;
+}
+
+inline bool sameBits(__m128i a, __m128i b)
+{
+    return _mm_movemask_epi8(_mm_cmpeq_epi32(a, b)) == 0xFFFF;
+}
+
+} // namespace
+
+// Numbers the distinct corner points, so that corners compare as integers. A corner with a
+// NaN lane equals nothing, not even itself, and gets -1.
+std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
+{
+    std::vector<int> ids(count, -1);
+    size_t capacity = 16;
+    while (capacity < count + count / 4)
+        capacity *= 2;
+    const size_t mask = capacity - 1;
+    std::vector<int> table(capacity, -1);   // point number, -1 for an empty slot
+    std::vector<size_t> firstCorner;        // per point number: a corner holding it
+    firstCorner.reserve(count / 4 + 16);
+    for (size_t i = 0; i < count; ++i) {
+        if (hasNaN(corners[i].m))
+            continue;
+        const __m128i key = canonicalBits(corners[i].m);
+        size_t slot = hashBits(key) & mask;
+        for (;;) {
+            const int id = table[slot];
+            if (id < 0) {
+                table[slot] = static_cast<int>(firstCorner.size());
+                ids[i] = table[slot];
+                firstCorner.push_back(i);
+                break;
+            }
+            if (sameBits(canonicalBits(corners[firstCorner[static_cast<size_t>(id)]].m), key)) {
+                ids[i] = id;
+                break;
+            }
+            slot = (slot + 1) & mask;
+        }
+    }
+    numPoints = static_cast<int>(firstCorner.size());
+    return ids;
+}
+
+namespace {
+
+// Which neighbour slot of a would take b: the first edge of a whose two corners both occur
+// among b's corners, or -1.
+inline int matchingSlot(const int* a, const int* b)
+{
+    auto occurs = [b](int id) { return id >= 0 && (id == b[0] || id == b[1] || id == b[2]); };
+    const bool c0 = occurs(a[0]), c1 = occurs(a[1]), c2 = occurs(a[2]);
+    if (c0 && c1)
+        return 0;
+    if (c1 && c2)
+        return 1;
+    if (c2 && c0)
+        return 2;
+    return -1;
+}
+
+// Triangles per corner point, each list ascending; built as one offsets array and one entry
+// array. Only the triangles the filter accepts are listed.
+struct PointLists {
+    std::vector<int64_t> begin;   // numPoints + 1 offsets
+    std::vector<int> entries;
+};
+
+template <class Filter>
+PointLists buildPointLists(const std::vector<int>& ids, int numTriangles, int numPoints, Filter accept)
+{
+    PointLists lists;
+    lists.begin.assign(static_cast<size_t>(numPoints) + 1, 0);
+    auto forEachDistinct = [&](int t, auto&& f) {
+        const int* a = &ids[3 * static_cast<size_t>(t)];
+        for (int k = 0; k < 3; ++k) {
+            if (a[k] < 0 || (k > 0 && a[k] == a[0]) || (k == 2 && a[2] == a[1]))
+                continue;
+            f(a[k]);
+        }
+    };
+    for (int t = 0; t < numTriangles; ++t)
+        if (accept(t))
+            forEachDistinct(t, [&](int p) { ++lists.begin[static_cast<size_t>(p) + 1]; });
+    for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p)
+        lists.begin[p + 1] += lists.begin[p];
+    lists.entries.resize(static_cast<size_t>(lists.begin.back()));
+    std::vector<int64_t> fill(lists.begin.begin(), lists.begin.end() - 1);
+    for (int t = 0; t < numTriangles; ++t)
+        if (accept(t))
+            forEachDistinct(t, [&](int p) { lists.entries[static_cast<size_t>(fill[static_cast<size_t>(p)]++)] = t; });
+    return lists;
+}
+
+// Replays the scan over the candidates of each walk.
+//
+// A triangle whose three corners are one point P (the all-zero surplus records of a mesh
+// are such) is kept out of the point lists: every pair of them matches, which would make
+// the replay quadratic in their number. Their effect is derived instead. Such a triangle
+// can only ever take slot 0, so it never fills up, and its walk visits every later
+// triangle that holds P; its final neighbour is therefore the last of them still in the
+// list, and only the last one of a group keeps a neighbour set by an earlier walk.
+class NeighbourReplay {
+public:
+    NeighbourReplay(const std::vector<int>& ids, int numTriangles, int numPoints)
+        : m_ids(ids), m_n(numTriangles), m_neighbour(3 * static_cast<size_t>(numTriangles), -1),
+          m_filled(static_cast<size_t>(numTriangles), 0), m_collapsed(static_cast<size_t>(numTriangles), 0)
+    {
+        for (int t = 0; t < m_n; ++t) {
+            const int* a = corners(t);
+            m_collapsed[static_cast<size_t>(t)] = a[0] >= 0 && a[0] == a[1] && a[1] == a[2];
+        }
+        m_lists = buildPointLists(m_ids, m_n, numPoints, [this](int t) { return !m_collapsed[static_cast<size_t>(t)]; });
+        m_groups = buildPointLists(m_ids, m_n, numPoints, [this](int t) { return m_collapsed[static_cast<size_t>(t)] != 0; });
+        m_next.assign(m_lists.begin.begin(), m_lists.begin.end() - 1);
+        m_groupNext.assign(m_groups.begin.begin(), m_groups.begin.end() - 1);
+        m_lastGroupWrite.assign(static_cast<size_t>(numPoints), -1);
+    }
+
+    template <class Unlink>
+    void Run(Unlink&& unlink)
+    {
+        for (int t = 0; t < m_n; ++t) {
+            if (m_collapsed[static_cast<size_t>(t)])
+                walkCollapsed(t, unlink);
+            else
+                walk(t, unlink);
+        }
+    }
+
+    // Neighbour index per slot (3 per triangle), -1 for none.
+    const std::vector<int>& Neighbours() const { return m_neighbour; }
+
+private:
+    const int* corners(int t) const { return &m_ids[3 * static_cast<size_t>(t)]; }
+    bool full(int t) const { return m_filled[static_cast<size_t>(t)] == 7; }
+    void set(int t, int slot, int u)
+    {
+        m_neighbour[3 * static_cast<size_t>(t) + static_cast<size_t>(slot)] = u;
+        m_filled[static_cast<size_t>(t)] |= static_cast<unsigned char>(1u << slot);
+    }
+
+    template <class Unlink>
+    void walk(int t, Unlink& unlink)
+    {
+        const int* a = corners(t);
+        int points[3];
+        int numPoints = 0;
+        for (int k = 0; k < 3; ++k)
+            if (a[k] >= 0 && std::find(points, points + numPoints, a[k]) == points + numPoints)
+                points[numPoints++] = a[k];
+        // Every list of t's points is at t now; the entries after it are the later triangles.
+        int64_t head[3], end[3];
+        for (int i = 0; i < numPoints; ++i) {
+            const size_t p = static_cast<size_t>(points[i]);
+            head[i] = ++m_next[p];
+            end[i] = m_lists.begin[p + 1];
+        }
+        if (full(t))
+            return;
+
+        // A match needs two corners of t among u's. If t holds a point twice, every match
+        // needs that point; otherwise u holds two of t's points and so is on every list of
+        // them but the longest.
+        int repeated = -1;
+        if (a[0] >= 0 && (a[0] == a[1] || a[0] == a[2]))
+            repeated = a[0];
+        else if (a[1] >= 0 && a[1] == a[2])
+            repeated = a[1];
+        int numLists = numPoints;
+        if (repeated >= 0) {
+            const int i = int(std::find(points, points + numPoints, repeated) - points);
+            std::swap(head[0], head[i]);
+            std::swap(end[0], end[i]);
+            numLists = 1;
+        }
+        else if (numPoints > 0) {
+            int longest = 0;
+            for (int i = 1; i < numPoints; ++i)
+                if (end[i] - head[i] > end[longest] - head[longest])
+                    longest = i;
+            std::swap(head[longest], head[numPoints - 1]);
+            std::swap(end[longest], end[numPoints - 1]);
+            numLists = numPoints - 1;
+        }
+
+        // Collapsed triangles of the repeated point all match t on the same slot.
+        int groupPoint = -1, groupSlot = -1;
+        int64_t groupPos = 0, groupEnd = 0;
+        if (repeated >= 0) {
+            const size_t p = static_cast<size_t>(repeated);
+            const int three[3] = {repeated, repeated, repeated};
+            groupPos = m_groupNext[p];
+            groupEnd = m_groups.begin[p + 1];
+            if (groupPos < groupEnd) {
+                groupPoint = repeated;
+                groupSlot = matchingSlot(a, three);
+            }
+        }
+
+        for (;;) {
+            int u = INT_MAX;
+            for (int i = 0; i < numLists; ++i)
+                if (head[i] < end[i])
+                    u = std::min(u, m_lists.entries[static_cast<size_t>(head[i])]);
+            if (groupPoint >= 0 && groupPos < groupEnd && m_groups.entries[static_cast<size_t>(groupPos)] < u) {
+                if (visitGroupRun(t, u, groupPoint, groupSlot, groupPos, groupEnd)) {
+                    unlink(t);
+                    return;
+                }
+            }
+            if (u == INT_MAX)
+                return;
+            for (int i = 0; i < numLists; ++i)
+                if (head[i] < end[i] && m_lists.entries[static_cast<size_t>(head[i])] == u)
+                    ++head[i];
+            if (full(u))
+                continue;
+            const int slot = matchingSlot(a, corners(u));
+            if (slot < 0)
+                continue;
+            set(t, slot, u);
+            const int back = matchingSlot(corners(u), a);
+            if (back >= 0)
+                set(u, back, t);
+            if (full(u))
+                unlink(u);
+            if (full(t)) {
+                unlink(t);
+                return;
+            }
+        }
+    }
+
+    // t meets the run of collapsed triangles before u: each takes t in slot 0 and t takes
+    // each in turn, so only the first (which may fill t) and the last matter. Returns true
+    // when t is full.
+    bool visitGroupRun(int t, int u, int point, int slot, int64_t& pos, int64_t end)
+    {
+        const int* members = m_groups.entries.data();
+        const int64_t runEnd = std::lower_bound(members + pos, members + end, u) - members;
+        set(t, slot, members[pos]);
+        if (full(t)) {
+            if (pos == end - 1)
+                m_lastGroupWrite[static_cast<size_t>(point)] = t;
+            pos = runEnd;
+            return true;
+        }
+        set(t, slot, members[runEnd - 1]);
+        if (runEnd == end)
+            m_lastGroupWrite[static_cast<size_t>(point)] = t;
+        pos = runEnd;
+        return false;
+    }
+
+    template <class Unlink>
+    void walkCollapsed(int t, Unlink& unlink)
+    {
+        const int* a = corners(t);
+        const size_t p = static_cast<size_t>(a[0]);
+        const bool laterMember = ++m_groupNext[p] < m_groups.begin[p + 1];
+        int last = -1;
+        for (int64_t i = m_next[p]; i < m_lists.begin[p + 1]; ++i) {
+            const int u = m_lists.entries[static_cast<size_t>(i)];
+            if (full(u))
+                continue;
+            last = u;
+            const int back = matchingSlot(corners(u), a);
+            if (back >= 0) {
+                set(u, back, t);
+                if (full(u))
+                    unlink(u);
+            }
+        }
+        if (laterMember) {
+            last = std::max(last, m_groups.entries[static_cast<size_t>(m_groups.begin[p + 1] - 1)]);
+            m_lastGroupWrite[p] = t;
+        }
+        else if (last < 0) {
+            last = m_lastGroupWrite[p];
+        }
+        m_neighbour[3 * static_cast<size_t>(t)] = last;
+    }
+
+    const std::vector<int>& m_ids;
+    int m_n;
+    std::vector<int> m_neighbour;
+    std::vector<unsigned char> m_filled;      // bit k: slot k set
+    std::vector<unsigned char> m_collapsed;   // all three corners one point
+    PointLists m_lists;                       // triangles per point, collapsed ones excluded
+    PointLists m_groups;                      // collapsed triangles per point
+    std::vector<int64_t> m_next;              // per point: first list entry not yet walked
+    std::vector<int64_t> m_groupNext;
+    std::vector<int> m_lastGroupWrite;        // per point: last walk that reached its last collapsed triangle
+};
+
+} // namespace
+
+} // namespace qzsse::detail
+
+void CHTriangulation::IndexTriangleList()
+{
+    const int n = m_iNumTriangles;
+    m_pTriangleList = n > 0 ? &m_pTriangles[0] : nullptr;
+    for (int i = 0; i < n; ++i) {
+        m_pTriangles[i].pPrev = i > 0 ? &m_pTriangles[i - 1] : nullptr;
+        m_pTriangles[i].pNext = i + 1 < n ? &m_pTriangles[i + 1] : nullptr;
+    }
+}
+
+// The removed record's own links are cleared; a record that is not in the list is left alone.
+void CHTriangulation::DeleteTriangleFromList(t_htriangle* triangle)
+{
+    if (triangle == nullptr || (triangle->pPrev == nullptr && m_pTriangleList != triangle))
+        return;
+    if (triangle->pPrev)
+        triangle->pPrev->pNext = triangle->pNext;
+    else
+        m_pTriangleList = triangle->pNext;
+    if (triangle->pNext)
+        triangle->pNext->pPrev = triangle->pPrev;
+    triangle->pNext = triangle->pPrev = nullptr;
+}
+
+// Neighbours are recomputed from scratch, so a second call gives the same result as the first.
+void CHTriangulation::CalcNeighbours()
+{
+    const int n = m_iNumTriangles;
+    for (int i = 0; i < n; ++i)
+        m_pTriangles[i].pNeighbour[0] = m_pTriangles[i].pNeighbour[1] = m_pTriangles[i].pNeighbour[2] = nullptr;
+    IndexTriangleList();
+    if (n == 0)
+        return;
+
+    int numPoints = 0;
+    const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
+    std::vector<int> neighbour;
+    {
+        qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
+        replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
+        neighbour = replay.Neighbours();
+    }
+    for (int i = 0; i < n; ++i)
+        for (int k = 0; k < 3; ++k) {
+            const int u = neighbour[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
+            m_pTriangles[i].pNeighbour[k] = u >= 0 ? &m_pTriangles[u] : nullptr;
+        }
+}
+
+void CHTriangulation::CalcNeighboursConstrained()
+{
+    CalcNeighbours();
+}
+
+void CHTriangulation::FindBorderTriangles()
+{
+    for (int i = 0; i < m_iNumTriangles; ++i) {
+        const t_htriangle& t = m_pTriangles[i];
+        if (!t.pNeighbour[0] || !t.pNeighbour[1] || !t.pNeighbour[2])
+            m_pTriangles[i].iTag = 13;
+    }
+}
