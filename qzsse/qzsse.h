@@ -37,3 +37,13 @@
 
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
+
+#include "qzsse/mesh/CHTriangulation.h"
+
+#include "qzsse/geometry/CH2DDelaunay.h"
+#include "qzsse/geometry/CHConvexHull2D.h"
+#include "qzsse/geometry/CHConvexHull3D.h"
+#include "qzsse/geometry/CHDegenerateHullException.h"
+#include "qzsse/geometry/CHOctree.h"
+#include "qzsse/geometry/CHPolygonTriangulator.h"
+#include "qzsse/geometry/CHSimpleBasisFcns.h"

@@ -1,0 +1,135 @@
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
+#include <CGAL/convex_hull_2.h>
+#include <gtest/gtest.h>
+
+#include "qzsse/geometry/CHConvexHull2D.h"
+#include "qzsse/polygon/CSSE2dPolygon.h"
+#include "qzsse/polygon/CSSE3dPolygon.h"
+
+namespace {
+
+struct XY {
+    float x, y;
+    bool operator==(const XY&) const = default;
+};
+
+std::vector<XY> Hull(const std::vector<XY>& points)
+{
+    CSSE3dPolygon polygon;
+    polygon.Create(static_cast<int>(points.size()));
+    for (int i = 0; i < static_cast<int>(points.size()); ++i)
+        polygon.SetPoint(i, points[i].x, points[i].y, 0.0f);
+    CHConvexHull2D hull(&polygon);
+    CSSE2dPolygon out;
+    hull.ObtainConvexHull2D(&out);
+    std::vector<XY> result(static_cast<size_t>(out.GetNumPoints()));
+    for (int i = 0; i < out.GetNumPoints(); ++i)
+        out.GetPoint(i, result[i].x, result[i].y);
+    return result;
+}
+
+// The independent answer: extreme points only, counter-clockwise, turned to start at the
+// lowest-then-leftmost point and reversed into the clockwise order that ends with it.
+std::vector<XY> ReferenceHull(const std::vector<XY>& points)
+{
+    using K = CGAL::Exact_predicates_inexact_constructions_kernel;
+    std::vector<K::Point_2> in, out;
+    for (const XY& p : points)
+        in.emplace_back(p.x, p.y);
+    CGAL::convex_hull_2(in.begin(), in.end(), std::back_inserter(out));
+    std::vector<XY> hull;
+    for (const auto& p : out)
+        hull.push_back({static_cast<float>(p.x()), static_cast<float>(p.y())});
+    const auto pivot = std::min_element(hull.begin(), hull.end(),
+                                        [](XY a, XY b) { return a.y < b.y || (a.y == b.y && a.x < b.x); });
+    std::rotate(hull.begin(), pivot, hull.end());
+    std::reverse(hull.begin(), hull.end());
+    return hull;
+}
+
+}  // namespace
+
+TEST(ConvexHull2D, WritesClockwiseEndingWithLowestLeftmostPivot)
+{
+    // (5, 0) and (1, 0) share the lowest y; the smaller x is the pivot.
+    EXPECT_EQ(Hull({{5, 0}, {5, 5}, {3, 2}, {1, 0}, {1, 5}}),
+              (std::vector<XY>{{1, 5}, {5, 5}, {5, 0}, {1, 0}}));
+
+    CSSE3dPolygon polygon;
+    polygon.Create(4);
+    polygon.SetPoint(0, 0, 0, 7);
+    polygon.SetPoint(1, 2, 0, 8);
+    polygon.SetPoint(2, 1, 1, 9);
+    polygon.SetPoint(3, 1, 0.2f, 10);
+    CHConvexHull2D hull(&polygon);
+    CSSE3dPolygon out;
+    hull.ObtainConvexHull3D(&out);
+    ASSERT_EQ(out.GetNumPoints(), 3);
+    const float expected[3][3] = {{1, 1, 9}, {2, 0, 8}, {0, 0, 7}};
+    for (int i = 0; i < 3; ++i) {
+        float x, y, z;
+        out.GetPoint(i, x, y, z);
+        EXPECT_EQ(x, expected[i][0]);
+        EXPECT_EQ(y, expected[i][1]);
+        EXPECT_EQ(z, expected[i][2]);
+    }
+}
+
+TEST(ConvexHull2D, DropsCollinearAndRepeatedPoints)
+{
+    const std::vector<XY> square = {{0, 0}, {4, 4}, {2, 0}, {4, 0}, {0, 4}, {4, 2}, {2, 4}, {0, 2}, {4, 4},
+                                    {2, 0.0001f}, {0, 0}, {1, 1}};
+    EXPECT_EQ(Hull(square), (std::vector<XY>{{0, 4}, {4, 4}, {4, 0}, {0, 0}}));
+    // A run on one ray from the pivot keeps only its farthest point.
+    EXPECT_EQ(Hull({{0, 0}, {3, 3}, {1, 1}, {2, 2}, {3, 0}}), (std::vector<XY>{{3, 3}, {3, 0}, {0, 0}}));
+}
+
+TEST(ConvexHull2D, FewerThanThreePointsGiveThemBack)
+{
+    EXPECT_EQ(Hull({{5, 5}, {1, 1}}), (std::vector<XY>{{5, 5}, {1, 1}}));
+    EXPECT_EQ(Hull({{5, 5}}), (std::vector<XY>{{5, 5}}));
+    EXPECT_TRUE(Hull({}).empty());
+    // Three copies of one point squash to two.
+    EXPECT_EQ(Hull({{2, 2}, {2, 2}, {2, 2}}).size(), 2u);
+}
+
+TEST(ConvexHull2D, MatchesCgalOnRandomGridPoints)
+{
+    // Integer coordinates up to 1000 keep every doubled area exact in float, so the 0.0005
+    // tolerance only separates zero from non-zero and the exact hull is the right answer. Points
+    // are distinct (repeats are covered below); small ranges give long collinear runs.
+    std::mt19937 rng(2024);
+    for (const int n : {3, 4, 10, 100, 1000, 20000}) {
+        for (const int range : {4, 30, 1000}) {
+            std::uniform_int_distribution<int> c(0, range);
+            std::vector<XY> points;
+            for (int k = 0; k < n; ++k) {
+                const XY p{static_cast<float>(c(rng)), static_cast<float>(c(rng))};
+                points.push_back(p);
+            }
+            std::sort(points.begin(), points.end(), [](XY a, XY b) { return a.x < b.x || (a.x == b.x && a.y < b.y); });
+            points.erase(std::unique(points.begin(), points.end()), points.end());
+            std::shuffle(points.begin(), points.end(), rng);
+            const auto expected = ReferenceHull(points);
+            if (expected.size() < 3)
+                continue;
+            EXPECT_EQ(Hull(points), expected) << "n " << n << " range " << range;
+        }
+    }
+}
+
+TEST(ConvexHull2D, UnderflowPrintsErrorAndGivesAnEmptyHull)
+{
+    // A comparison marks only the lower-indexed of two repeats it sees. Here the sort's middle
+    // pivot is the lowest-indexed of three repeats of the first hull point and the other two
+    // are never compared with each other, so two survive; the second pops the first and the
+    // scan runs out of stack.
+    testing::internal::CaptureStdout();
+    const auto hull = Hull({{2, 0}, {2, 0}, {0, 0}, {2, 0}});
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error\n");
+    EXPECT_TRUE(hull.empty());
+}

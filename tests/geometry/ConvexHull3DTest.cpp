@@ -1,0 +1,313 @@
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <random>
+#include <set>
+#include <vector>
+
+#include <boost/multiprecision/cpp_int.hpp>
+#include <gtest/gtest.h>
+
+#include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
+#include <CGAL/Surface_mesh.h>
+#include <CGAL/convex_hull_3.h>
+
+#include "qzsse/geometry/CHConvexHull3D.h"
+
+namespace {
+
+using Exact = boost::multiprecision::checked_int256_t;
+using Coord = std::array<long long, 3>;
+using Triangle = std::array<Coord, 3>;
+
+std::vector<tVertexStructure*> Vertices(const CHConvexHull3D& hull)
+{
+    std::vector<tVertexStructure*> out;
+    if (tVertexStructure* v = hull.GetVertices()) {
+        do {
+            out.push_back(v);
+            v = v->next;
+        } while (v != hull.GetVertices());
+    }
+    return out;
+}
+
+std::vector<tFaceStructure*> Faces(const CHConvexHull3D& hull)
+{
+    std::vector<tFaceStructure*> out;
+    if (tFaceStructure* f = hull.GetFaces()) {
+        do {
+            out.push_back(f);
+            f = f->next;
+        } while (f != hull.GetFaces());
+    }
+    return out;
+}
+
+Coord At(const tVertexStructure* v) { return {v->x, v->y, v->z}; }
+
+// det[a - p; b - p; c - p] in 256-bit integers.
+Exact Det(const Coord& a, const Coord& b, const Coord& c, const Coord& p)
+{
+    Exact m[3][3];
+    const Coord* rows[3] = {&a, &b, &c};
+    for (int r = 0; r < 3; ++r)
+        for (int k = 0; k < 3; ++k)
+            m[r][k] = Exact((*rows[r])[k]) - Exact(p[k]);
+    return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) - m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
+           m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
+}
+
+int Sign(const Exact& v) { return v > 0 ? 1 : (v < 0 ? -1 : 0); }
+
+// A hull whose only face is (a, b, c), for asking VolumeSign directly.
+struct OneFace {
+    tVertexStructure v[4]{};
+    tFaceStructure face{};
+    OneFace(const Coord& a, const Coord& b, const Coord& c, const Coord& p)
+    {
+        const Coord* in[4] = {&a, &b, &c, &p};
+        for (int i = 0; i < 4; ++i) {
+            v[i].x = (*in[i])[0];
+            v[i].y = (*in[i])[1];
+            v[i].z = (*in[i])[2];
+        }
+        for (int i = 0; i < 3; ++i)
+            face.vertex[i] = &v[i];
+    }
+};
+
+Triangle SortedFace(Coord a, Coord b, Coord c)
+{
+    Triangle t{a, b, c};
+    std::sort(t.begin(), t.end());
+    return t;
+}
+
+} // namespace
+
+TEST(Hull3DInput, AppendVertex2DRoundsToTenthsAndKeepsTheFirstOfDuplicates)
+{
+    CHConvexHull3D hull;
+    hull.AppendVertex2D(1.0f, 2.0f, -1, true);    // (10, 20), counter 0
+    hull.AppendVertex2D(1.0f, 2.0f, 5, false);    // same point: ignored
+    hull.AppendVertex2D(1.04f, 1.96f, 6, false);  // 10.9 -> 10, 20.1 -> 20: ignored
+    hull.AppendVertex2D(1.06f, 2.0f, -1, false);  // (11, 20), counter 1
+    hull.AppendVertex2D(-0.06f, 0.06f, 9, false); // (0, 1)
+    hull.AppendVertex2D(-0.04f, 0.04f, 3, false); // (0, 0)
+    hull.AppendVertex2D(0.04f, -0.04f, 4, false); // (0, 0) again: ignored
+    hull.AppendVertex2D(-1.26f, 0.0f, -1, false); // -12.1 -> -12, counter 4
+
+    const std::vector<tVertexStructure*> v = Vertices(hull);
+    ASSERT_EQ(v.size(), 5u);
+    ASSERT_EQ(hull.CalcNumVertices(), 5);
+    const long long expected[5][3] = {{10, 20, 500}, {11, 20, 521}, {0, 1, 1}, {0, 0, 0}, {-12, 0, 144}};
+    const int indices[5] = {0, 1, 9, 3, 4};
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(v[i]->x, expected[i][0]) << i;
+        EXPECT_EQ(v[i]->y, expected[i][1]) << i;
+        EXPECT_EQ(v[i]->z, expected[i][2]) << i;
+        EXPECT_EQ(v[i]->iIndex, indices[i]) << i;
+    }
+    EXPECT_TRUE(v[0]->bFlag);
+    EXPECT_FALSE(v[1]->bFlag);
+    // The newest vertex sits at the end of the cycle, just before the head.
+    EXPECT_EQ(hull.GetVertices()->prev, v[4]);
+}
+
+TEST(Hull3DInput, AppendVertex3DScalesRoundsAndDropsDuplicates)
+{
+    CHConvexHull3D hull;
+    hull.AppendVertex3D(1.26f, -0.26f, 2.0f, 10.0f); // (13, -2, 20)
+    hull.AppendVertex3D(1.3f, -0.2f, 2.0f, 10.0f);   // (13, -1, 20)
+    hull.AppendVertex3D(1.25f, -0.24f, 2.0f, 10.0f); // 13.0 -> 13, -1.9 -> -1: duplicate
+    const std::vector<tVertexStructure*> v = Vertices(hull);
+    ASSERT_EQ(v.size(), 2u);
+    EXPECT_EQ(At(v[0]), (Coord{13, -2, 20}));
+    EXPECT_EQ(At(v[1]), (Coord{13, -1, 20}));
+    EXPECT_EQ(v[1]->iIndex, 0);
+    EXPECT_FALSE(v[1]->bFlag);
+}
+
+TEST(Hull3DDegenerate, ThrowsForTooFewCollinearOrCoplanarPoints)
+{
+    const auto hullOf = [](const std::vector<Coord>& points) {
+        CHConvexHull3D hull;
+        for (const Coord& p : points)
+            hull.AppendVertex3D(float(p[0]), float(p[1]), float(p[2]), 1.0f);
+        hull.CalcConvexHull();
+    };
+    EXPECT_THROW(hullOf({}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{1, 2, 3}}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{1, 2, 3}, {4, 5, 6}}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{0, 0, 0}, {1, 1, 1}, {2, 2, 2}, {5, 5, 5}, {-3, -3, -3}}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{0, 0, 5}, {4, 0, 5}, {4, 3, 5}, {0, 3, 5}}), CHDegenerateHullException);
+    EXPECT_THROW(hullOf({{0, 0, 0}, {1, 2, 3}, {2, 4, 6}, {1, 0, 1}, {3, 4, 7}, {2, 1, 3}}),
+                 CHDegenerateHullException); // all on the plane x + y - z = 0
+    EXPECT_NO_THROW(hullOf({{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}}));
+}
+
+TEST(Hull3DPredicates, VolumeSignIsExactWhereSixtyFourBitProductsOverflow)
+{
+    // Orientation convention: a point in front of a counter-clockwise face gives -1.
+    {
+        OneFace f({0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1});
+        CHConvexHull3D hull;
+        EXPECT_EQ(hull.VolumeSign(&f.face, &f.v[3]), -1);
+    }
+    std::mt19937_64 rng(7);
+    CHConvexHull3D hull;
+    const int bits[] = {20, 30, 41, 50, 62};
+    for (int b : bits) {
+        const long long range = (1LL << b) - 1;
+        std::uniform_int_distribution<long long> any(-range, range);
+        std::uniform_int_distribution<long long> small(-3, 3);
+        for (int trial = 0; trial < 400; ++trial) {
+            Coord p{any(rng), any(rng), any(rng)};
+            // Multiples of 4, so that the halves and quarters below are exact.
+            Coord u{4 * (any(rng) / 8), 4 * (any(rng) / 8), 4 * (any(rng) / 8)};
+            Coord w{4 * (any(rng) / 8), 4 * (any(rng) / 8), 4 * (any(rng) / 8)};
+            Coord a = p, bb = p, c = p;
+            for (int k = 0; k < 3; ++k) {
+                // Coplanar or nearly coplanar: det is 0 or tiny against the huge products.
+                a[k] = p[k] + u[k] / 2;
+                bb[k] = p[k] + w[k] / 2;
+                c[k] = p[k] + u[k] / 4 + w[k] / 4 + (trial % 3 == 0 ? 0 : small(rng));
+            }
+            if (trial % 5 == 0)
+                c = {any(rng), any(rng), any(rng)};
+            OneFace f(a, bb, c, p);
+            ASSERT_EQ(hull.VolumeSign(&f.face, &f.v[3]), Sign(Det(a, bb, c, p))) << "bits " << b << " trial " << trial;
+        }
+    }
+    // The extreme corners of the 64-bit range.
+    const long long M = INT64_MAX, m = INT64_MIN;
+    const Coord extremes[][4] = {{{m, m, m}, {M, m, m}, {m, M, m}, {m, m, M}},
+                                 {{M, M, M}, {m, M, M}, {M, m, M}, {M, M, m}},
+                                 {{m, 0, M}, {M, 0, m}, {0, 1, 0}, {1, 0, 0}},
+                                 {{m, m, 0}, {M, M, 0}, {0, 0, 0}, {5, -5, 1}}};
+    for (const auto& q : extremes) {
+        OneFace f(q[0], q[1], q[2], q[3]);
+        EXPECT_EQ(hull.VolumeSign(&f.face, &f.v[3]), Sign(Det(q[0], q[1], q[2], q[3])));
+    }
+}
+
+TEST(Hull3DPredicates, CollinearIsExactForLargeCoordinates)
+{
+    CHConvexHull3D hull;
+    const long long big = 3037000499LL * 1000; // squares overflow 64 bits
+    tVertexStructure a{}, b{}, c{};
+    a.x = -big, a.y = 7, a.z = big;
+    b.x = 0, b.y = 7 + big / 1000, b.z = 0;
+    c.x = big, c.y = 7 + 2 * (big / 1000), c.z = -big;
+    EXPECT_TRUE(hull.Collinear(&a, &b, &c));
+    c.z += 1;
+    EXPECT_FALSE(hull.Collinear(&a, &b, &c));
+    c = b;
+    EXPECT_TRUE(hull.Collinear(&a, &b, &c));
+    c.x = INT64_MAX, c.y = INT64_MIN, c.z = INT64_MAX;
+    a.x = INT64_MIN, a.y = INT64_MAX, a.z = INT64_MIN;
+    b.x = 0, b.y = 0, b.z = 0;
+    EXPECT_FALSE(hull.Collinear(&a, &b, &c));
+    c.x = INT64_MAX, c.y = INT64_MIN + 1, c.z = INT64_MAX;
+    a.y = INT64_MAX, a.x = INT64_MIN + 1, a.z = INT64_MIN + 1;
+    EXPECT_TRUE(hull.Collinear(&a, &b, &c));
+}
+
+TEST(Hull3D, CubeKeepsCornersAndDropsInteriorAndFacePoints)
+{
+    CHConvexHull3D hull;
+    for (int i = 0; i < 8; ++i)
+        hull.AppendVertex3D(float(i & 1) * 4, float((i >> 1) & 1) * 4, float((i >> 2) & 1) * 4, 1.0f);
+    hull.AppendVertex3D(2, 2, 2, 1.0f); // centre
+    hull.AppendVertex3D(1, 3, 2, 1.0f); // inside
+    hull.AppendVertex3D(2, 2, 4, 1.0f); // middle of the top face
+    hull.AppendVertex3D(4, 1, 3, 1.0f); // on the +x face
+    hull.CalcConvexHull();
+    EXPECT_EQ(hull.GetNumVertices(), 8);
+    EXPECT_EQ(hull.GetNumFaces(), 12);
+    EXPECT_EQ(hull.GetNumEdges(), 18);
+    for (tVertexStructure* v : Vertices(hull))
+        for (int k = 0; k < 3; ++k)
+            EXPECT_TRUE(At(v)[k] == 0 || At(v)[k] == 4);
+    EXPECT_TRUE(hull.Consistency());
+    EXPECT_TRUE(hull.CheckEndpts());
+    for (tFaceStructure* f : Faces(hull))
+        for (int i = 0; i < 3; ++i) {
+            const tEdgeStructure* e = f->edge[i];
+            const std::set<const tVertexStructure*> ends{e->endpts[0], e->endpts[1]};
+            EXPECT_EQ(ends, (std::set<const tVertexStructure*>{f->vertex[i], f->vertex[(i + 1) % 3]}));
+        }
+
+    // Corner access: grid units over 10, or over a per-lane scale.
+    tFaceStructure* f = hull.GetFaces();
+    SSEPoint scale;
+    scale.x = 2, scale.y = 4, scale.z = 8, scale.w = 0;
+    for (int k = 0; k < 3; ++k) {
+        const SSEPoint p = hull.GetVertexFromFace(f, k);
+        EXPECT_EQ(p.x, float(f->vertex[k]->x) / 10.0f);
+        EXPECT_EQ(p.y, float(f->vertex[k]->y) / 10.0f);
+        EXPECT_EQ(p.z, float(f->vertex[k]->z) / 10.0f);
+        EXPECT_EQ(p.w, 0.0f);
+        const SSEPoint q = hull.GetVertexFromFace3D(f, k, scale);
+        EXPECT_EQ(q.x, float(f->vertex[k]->x) / 2.0f);
+        EXPECT_EQ(q.y, float(f->vertex[k]->y) / 4.0f);
+        EXPECT_EQ(q.z, float(f->vertex[k]->z) / 8.0f);
+        EXPECT_EQ(q.w, 0.0f);
+    }
+}
+
+// Random points in general position (a ball of radius 1e6, shifted to positive coordinates
+// since appending rounds negative values up): the face set must be CGAL's, every input
+// point on or behind every face, and V - E + F = 2.
+TEST(Hull3D, MatchesCgalHullOnRandomPoints)
+{
+    using K = CGAL::Exact_predicates_inexact_constructions_kernel;
+    for (unsigned seed : {1u, 2u, 3u}) {
+        std::mt19937 rng(seed);
+        std::uniform_int_distribution<int> coord(-1000000, 1000000);
+        std::vector<Coord> points;
+        while (points.size() < (seed == 3 ? 400u : 150u)) {
+            const Coord p{coord(rng), coord(rng), coord(rng)};
+            const double r2 = double(p[0]) * p[0] + double(p[1]) * p[1] + double(p[2]) * p[2];
+            if (r2 <= 1e12)
+                points.push_back({p[0] + 1000000, p[1] + 1000000, p[2] + 1000000});
+        }
+        CHConvexHull3D hull;
+        hull.SetCheckFlag(seed == 1);
+        for (const Coord& p : points)
+            hull.AppendVertex3D(float(p[0]), float(p[1]), float(p[2]), 1.0f);
+        testing::internal::CaptureStderr();
+        hull.CalcConvexHull();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+        std::vector<K::Point_3> cgalPoints;
+        for (const Coord& p : points)
+            cgalPoints.emplace_back(p[0], p[1], p[2]);
+        CGAL::Surface_mesh<K::Point_3> mesh;
+        CGAL::convex_hull_3(cgalPoints.begin(), cgalPoints.end(), mesh);
+        std::set<Triangle> expected;
+        for (auto face : mesh.faces()) {
+            std::vector<Coord> corners;
+            for (auto v : mesh.vertices_around_face(mesh.halfedge(face))) {
+                const K::Point_3& q = mesh.point(v);
+                corners.push_back({(long long)q.x(), (long long)q.y(), (long long)q.z()});
+            }
+            ASSERT_EQ(corners.size(), 3u);
+            expected.insert(SortedFace(corners[0], corners[1], corners[2]));
+        }
+
+        std::set<Triangle> ours;
+        for (tFaceStructure* f : Faces(hull)) {
+            ours.insert(SortedFace(At(f->vertex[0]), At(f->vertex[1]), At(f->vertex[2])));
+            for (const Coord& p : points)
+                ASSERT_GE(Sign(Det(At(f->vertex[0]), At(f->vertex[1]), At(f->vertex[2]), p)), 0);
+        }
+        EXPECT_EQ(hull.GetNumFaces(), (int)mesh.number_of_faces()) << seed;
+        EXPECT_EQ(ours, expected) << seed;
+        EXPECT_EQ(hull.GetNumVertices() - hull.GetNumEdges() + hull.GetNumFaces(), 2);
+        EXPECT_EQ(hull.GetNumVertices(), (int)mesh.number_of_vertices());
+        EXPECT_TRUE(hull.Checks());
+    }
+}

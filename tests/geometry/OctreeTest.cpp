@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <new>
+#include <tuple>
+#include <vector>
+
+#include "qzsse/geometry/CHOctree.h"
+#include "qzsse/mesh/CHTriangulation.h"
+
+namespace {
+
+using Corners = std::vector<float>; // x0 y0 z0 x1 y1 z1 x2 y2 z2
+
+// A mesh of the given triangles with current per-triangle bounds.
+std::unique_ptr<CHTriangulation> MakeMesh(std::initializer_list<Corners> triangles)
+{
+    auto mesh = std::make_unique<CHTriangulation>(static_cast<int>(triangles.size()), 1.0f, 1.0f, 1.0f);
+    int i = 0;
+    for (const Corners& c : triangles) {
+        for (int k = 0; k < 3; ++k)
+            *mesh->GetTriangle(i)->pPoint[k] = SSEPoint{.m = _mm_setr_ps(c[3 * k], c[3 * k + 1], c[3 * k + 2], 0)};
+        ++i;
+    }
+    mesh->CalcSTV();
+    return mesh;
+}
+
+SSEPoint P(float x, float y, float z, float w = 0)
+{
+    return SSEPoint{.m = _mm_setr_ps(x, y, z, w)};
+}
+
+void ExpectPoint(const SSEPoint& p, float x, float y, float z, float w)
+{
+    EXPECT_TRUE(p.x == x && p.y == y && p.z == z && p.w == w)
+        << p.x << " " << p.y << " " << p.z << " " << p.w << " != " << x << " " << y << " " << z << " " << w;
+}
+
+// Cube [0, 8]^3 with cells of 1: three levels (1 + 8 + 64 cells).
+struct Cube8 {
+    SSEPoint lo = P(0, 0, 0), hi = P(8, 8, 8);
+    CHOctree tree{hi, lo, 1.0f};
+};
+
+const Corners kAcrossRootCentre = {3, 3, 3, 5, 3.5f, 3.5f, 3.5f, 5, 5};            // root only
+const Corners kAcrossCentreOfSlot7 = {5.5f, 1.5f, 5.5f, 6.5f, 1.5f, 5.5f, 6, 2.5f, 6.5f}; // level 1, cell 7
+const Corners kInsideCell59 = {6.5f, 0.5f, 4.5f, 7.5f, 0.5f, 4.5f, 7, 1.5f, 5.5f};   // level 2, cell 8*7+3
+
+} // namespace
+
+TEST(Octree, DepthRoundsLog2OfExtentOverCellSize)
+{
+    struct Case { SSEPoint hi; float cell; int depth, bricks; };
+    const Case cases[] = {
+        {P(4, 4, 4), 1, 2, 9},          // log2 4 = 2
+        {P(10, 3, 2), 1, 3, 73},        // 3.32 + 0.5
+        {P(1, 12, 1), 1, 4, 585},       // 3.58 + 0.5
+        {P(4, 4, 4), 0.5f, 3, 73},      // ratio 8
+        {P(1, 1, 1, 16), 1, 4, 585},    // the fourth lane counts in the extent
+        // The float log of this ratio rounds up to exactly 2.5 levels; a double log stays below.
+        {P(5.65685415f, 1, 1), 1, 3, 73},
+        {P(1, 1, 1), 1, 0, 0},          // too small for one level: no cells at all
+    };
+    for (const Case& c : cases) {
+        SSEPoint lo = P(0, 0, 0), hi = c.hi;
+        CHOctree tree(hi, lo, c.cell);
+        EXPECT_EQ(tree.GetDepth(), c.depth) << hi.x << " " << hi.y << " " << hi.w;
+        EXPECT_EQ(tree.GetNumBricks(), c.bricks);
+        EXPECT_EQ(tree.GetLevel(c.depth), nullptr);
+        EXPECT_EQ(tree.GetStem(), c.depth ? tree.GetLevel(0) : nullptr);
+    }
+    SSEPoint lo = P(-1, -2, -3), hi = P(1, 2, 3);
+    CHOctree tree(hi, lo, 0.75f);
+    const float expected[6] = {-1, 1, -2, 2, -3, 3};
+    EXPECT_EQ(std::memcmp(tree.GetBounds(), expected, sizeof(expected)), 0);
+    EXPECT_EQ(tree.GetExtent(), 6.0f);
+    EXPECT_EQ(tree.GetLevel(2)[63].iLevel, 2);
+
+    SSEPoint far = P(1e6f, 1, 1);
+    EXPECT_THROW({ CHOctree huge(far, lo, 1e-3f); }, std::bad_alloc); // 30 levels
+}
+
+TEST(Octree, CellsArePlacedInOctantOrder)
+{
+    SSEPoint lo = P(10, 20, 30), hi = P(14, 24, 34);
+    CHOctree tree(hi, lo, 1.0f);
+    ASSERT_EQ(tree.GetDepth(), 2);
+    const t_hoctreeelement* stem = tree.GetStem();
+    ExpectPoint(stem->center, 12, 22, 32, 0);
+    ExpectPoint(stem->upperCorner, 14, 24, 34, 2);
+    ExpectPoint(stem->lowerCorner, 10, 20, 30, -2);
+    EXPECT_EQ(stem->fH, 2.0f);
+    const float centres[8][3] = {{13, 23, 31}, {11, 23, 31}, {11, 21, 31}, {13, 21, 31},
+                                 {13, 23, 33}, {11, 23, 33}, {11, 21, 33}, {13, 21, 33}};
+    for (int i = 0; i < 8; ++i) {
+        const t_hoctreeelement* child = stem->pChild[i];
+        ASSERT_EQ(child, tree.GetLevel(1) + i);
+        ExpectPoint(child->center, centres[i][0], centres[i][1], centres[i][2], 0);
+        ExpectPoint(child->upperCorner, centres[i][0] + 1, centres[i][1] + 1, centres[i][2] + 1, 1);
+        EXPECT_EQ(child->fH, 1.0f);
+        EXPECT_EQ(child->iLevel, 1);
+        EXPECT_EQ(child->pChild[7], nullptr);
+    }
+}
+
+TEST(Octree, FilesTriangleInSmallestContainingCellAndTagsItsLevel)
+{
+    Cube8 c;
+    auto mesh = MakeMesh({kAcrossRootCentre, kAcrossCentreOfSlot7, kInsideCell59,
+                                     {1, 1, 1, 2, 2, 2, 8.5f, 1, 1}});
+    c.tree.CalculateOctreeEntries(mesh.get(), 1);
+    t_hoctreeelement* cell59 = c.tree.GetLevel(2) + 59;
+    EXPECT_EQ(c.tree.GetStem()->pChild[7]->pChild[3], cell59);
+    ExpectPoint(cell59->center, 7, 1, 5, 0);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetStem(), 1, 0), 0);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetLevel(1) + 7, 1, 0), 1);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(cell59, 1, 0), 2);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetStem(), 1, 1), -1); // the outside one is nowhere
+    const int tags[4] = {1, 4, 2, -1};
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(mesh->GetTriangle(i)->iTag, tags[i]) << i;
+
+    // Deeper levels only exist on hand-made cells.
+    const int table[14] = {1, 4, 2, 3, 5, 6, 7, 8, 9, 10, 11, -1, 1, 1};
+    for (int level = 0; level < 14; ++level) {
+        t_hoctreeelement cell{};
+        cell.iLevel = level;
+        mesh->GetTriangle(3)->iTag = 77;
+        c.tree.InsertTriangleIntoOctreeElement(mesh->GetTriangle(3), &cell, 2);
+        EXPECT_EQ(mesh->GetTriangle(3)->iTag, table[level]) << level;
+        EXPECT_EQ(c.tree.GetEntryFromOctreeElement(&cell, 2, 0), 3);
+        c.tree.RemoveAllEntriesFromOctreeElement(&cell);
+        c.tree.ClearEntry(cell);
+    }
+}
+
+TEST(Octree, ContainmentIsInclusiveGoesToFirstSlotAndIgnoresFourthLane)
+{
+    Cube8 c;
+    auto mesh = MakeMesh({{0, 0, 0, 8, 0, 8, 0, 8, 8},          // the whole root cube
+                                     {0, 0, 0, 8.001f, 1, 1, 1, 1, 1},     // beyond its face
+                                     {4, 0, 4, 6, 0, 6, 4, 2, 6},          // exactly cell 8*7+2
+                                     {4, 1, 1, 4, 1.5f, 1, 4, 1, 1.5f},    // on the face shared by slots 2 and 3
+                                     kInsideCell59});
+    mesh->GetTriangle(4)->pMinPoint->w = -50;
+    mesh->GetTriangle(4)->pMaxPoint->w = 50;
+    t_hoctreeelement* stem = c.tree.GetStem();
+    const bool inserted[5] = {true, false, true, true, true};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(c.tree.InsertTriangleIntoOctree(mesh->GetTriangle(i), stem, 0), inserted[i]) << i;
+    EXPECT_EQ(mesh->GetTriangle(1)->iTag, -1);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(stem, 0, 0), 0);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(stem, 0, 1), -1);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetLevel(2) + 58, 0, 0), 2);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetLevel(2) + 8 * 2 + 3, 0, 0), 3);
+    EXPECT_EQ(c.tree.GetEntryFromOctreeElement(c.tree.GetLevel(2) + 59, 0, 0), 4);
+
+    EXPECT_FALSE(c.tree.InsertTriangleIntoOctree(mesh->GetTriangle(0), stem, 4));
+    EXPECT_FALSE(c.tree.InsertTriangleIntoOctree(mesh->GetTriangle(0), nullptr, 0));
+    EXPECT_FALSE(c.tree.InsertTriangleIntoOctree(nullptr, stem, 0));
+}
+
+TEST(Octree, ListsFillNinePerBlockAndReadBackOnlyTheFirstNine)
+{
+    Cube8 c;
+    t_hoctreeelement* cell = c.tree.GetLevel(1) + 3;
+    for (int i = 0; i < 10; ++i)
+        c.tree.AppendEntryToOctreeElement(cell, 1, 100 + i);
+    const qzsse::t_hoctreeentrybucket* head = cell->pEntryList[1];
+    ASSERT_NE(head, nullptr);
+    ASSERT_NE(head->pNext, nullptr);
+    EXPECT_EQ(head->iCount, 9);
+    EXPECT_EQ(head->iIndex[9], 0);
+    EXPECT_EQ(head->pNext->iCount, 1);
+    EXPECT_EQ(head->pNext->iIndex[0], 109);
+    EXPECT_EQ(head->pNext->pNext, nullptr);
+    for (int n = 0; n < 9; ++n)
+        EXPECT_EQ(c.tree.GetEntryFromOctreeElement(cell, 1, n), 100 + n);
+    for (int n = 9; n < 40; ++n)
+        EXPECT_EQ(c.tree.GetEntryFromOctreeElement(cell, 1, n), -1) << n;
+    for (auto [target, list, n] : {std::tuple{cell, 1, -1}, {cell, 0, 0}, {cell, 4, 0}, {nullptr, 1, 0}})
+        EXPECT_EQ(c.tree.GetEntryFromOctreeElement(target, list, n), -1);
+    c.tree.AppendEntryToOctreeElement(cell, 4, 5);
+    c.tree.AppendEntryToOctreeElement(nullptr, 0, 5);
+    EXPECT_EQ(cell->pEntryList[0], nullptr);
+}
+
+TEST(Octree, MinMaxAccumulatesMaximumButKeepsLastVisitedMinimum)
+{
+    Cube8 c;
+    const Corners inCell2 = {4.2f, 4.1f, 0.1f, 5.8f, 4.3f, 0.2f, 5, 5.9f, 1.9f};   // under slot 0
+    const Corners acrossSlot0 = {5, 5, 1, 7, 5.5f, 1.5f, 5.5f, 7, 3};             // slot 0 itself
+    // Mesh order differs from the visit order: children first in slot order, then the cell.
+    auto mesh = MakeMesh({kAcrossCentreOfSlot7, inCell2, kInsideCell59, acrossSlot0, kAcrossRootCentre});
+    for (int i = 0; i < 4; ++i)
+        c.tree.InsertTriangleIntoOctree(mesh->GetTriangle(i), c.tree.GetStem(), 0);
+    c.tree.CalculateOctreeEntries(mesh.get(), 1);
+
+    SSEPoint max = P(-1e6f, -1e6f, -1e6f, -1e6f), min = P(1e6f, 1e6f, 1e6f, 1e6f);
+    c.tree.FindMinMaxPointTriangulation(mesh.get(), max, min, c.tree.GetStem(), 0);
+    ExpectPoint(max, 7.5f, 7, 6.5f, 0);
+    ExpectPoint(min, 5.5f, 1.5f, 5.5f, 0); // slot 7 itself comes last
+    c.tree.FindMinMaxPointTriangulation(mesh.get(), max, min, c.tree.GetStem(), 1);
+    ExpectPoint(max, 7.5f, 7, 6.5f, 0);
+    ExpectPoint(min, 3, 3, 3, 0); // the root comes last
+    max = P(-1e6f, -1e6f, -1e6f, -1e6f);
+    c.tree.FindMinMaxPointTriangulation(mesh.get(), max, min, c.tree.GetStem()->pChild[0], 0);
+    ExpectPoint(max, 7, 7, 3, 0);
+    ExpectPoint(min, 5, 5, 1, 0);
+
+    // Ten triangles in one cell: the tenth is never read.
+    CHTriangulation ten(10, 1, 1, 1);
+    for (int k = 0; k < 10; ++k) {
+        const float d = 0.1f * static_cast<float>(k);
+        t_htriangle* t = ten.GetTriangle(k);
+        *t->pPoint[0] = P(6.1f + d, 0.1f + d, 4.1f);
+        *t->pPoint[1] = P(6.3f + d, 0.1f + d, 4.1f);
+        *t->pPoint[2] = P(6.1f + d, 0.3f + d, 4.3f);
+    }
+    ten.CalcSTV();
+    c.tree.CalculateOctreeEntries(&ten, 2);
+    max = P(-1e6f, -1e6f, -1e6f, -1e6f);
+    c.tree.FindMinMaxPointTriangulation(&ten, max, min, c.tree.GetStem(), 2);
+    const float d8 = 0.1f * 8;
+    ExpectPoint(max, 6.3f + d8, 0.3f + d8, 4.3f, 0);
+    ExpectPoint(min, 6.1f + d8, 0.1f + d8, 4.1f, 0);
+}
+
+TEST(Octree, DuplicateAndReduceLeaveBothTreesUnchanged)
+{
+    Cube8 a;
+    SSEPoint lo = P(0, 0, 0), hi = P(4, 4, 4);
+    CHOctree b(hi, lo, 1.0f);
+    auto mesh = MakeMesh({kAcrossRootCentre, kInsideCell59});
+    a.tree.CalculateOctreeEntries(mesh.get(), 0);
+    auto snapshot = [](const CHOctree& t) {
+        std::vector<unsigned char> bytes(reinterpret_cast<const unsigned char*>(&t),
+                                         reinterpret_cast<const unsigned char*>(&t) + sizeof(t));
+        for (int k = 0; k < t.GetDepth(); ++k) {
+            const auto* cells = reinterpret_cast<const unsigned char*>(t.GetLevel(k));
+            bytes.insert(bytes.end(), cells, cells + t.GetLevelCount(k) * sizeof(t_hoctreeelement));
+        }
+        return bytes;
+    };
+    const auto beforeA = snapshot(a.tree), beforeB = snapshot(b);
+    a.tree.DuplicateOctree(&b);
+    b.DuplicateOctree(&a.tree);
+    a.tree.ReduceToConvenientSize(&b);
+    b.ReduceToConvenientSize(&a.tree);
+    EXPECT_EQ(snapshot(a.tree), beforeA);
+    EXPECT_EQ(snapshot(b), beforeB);
+
+    CHOctree empty(&a.tree, true);
+    empty.DuplicateOctree(&a.tree);
+    EXPECT_TRUE(empty.GetStem() == nullptr && empty.GetNumBricks() == 0);
+}
+
+// Under the sanitizers this also proves that every block is released exactly once.
+TEST(Octree, DestructionReleasesEveryBlockOfEveryCell)
+{
+    int blocks = 0;
+    {
+        Cube8 c;
+        for (int k = 0; k < c.tree.GetDepth(); ++k)
+            for (int j = 0; j < c.tree.GetLevelCount(k); ++j)
+                for (int list = 0; list < 4; ++list)
+                    for (int i = 0; i < 25; ++i)
+                        c.tree.AppendEntryToOctreeElement(c.tree.GetLevel(k) + j, list, i);
+        for (int k = 0; k < c.tree.GetDepth(); ++k)
+            for (int j = 0; j < c.tree.GetLevelCount(k); ++j)
+                for (const qzsse::t_hoctreeentrybucket* b : c.tree.GetLevel(k)[j].pEntryList)
+                    for (; b; b = b->pNext)
+                        ++blocks;
+
+        // Released lists keep their heads; they must be nulled before the tree goes.
+        t_hoctreeelement* stem = c.tree.GetStem();
+        c.tree.RemoveAllEntriesFromOctreeElement(stem);
+        EXPECT_NE(stem->pEntryList[2], nullptr);
+        for (auto& head : stem->pEntryList)
+            head = nullptr;
+    }
+    EXPECT_EQ(blocks, 73 * 4 * 3);
+}

@@ -1,0 +1,270 @@
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "qzsse/geometry/CHPolygonTriangulator.h"
+#include "qzsse/polygon/CSSE2dPolygon.h"
+#include "qzsse/polygon/CSSE3dPolygon.h"
+
+namespace {
+
+struct XY {
+    double x, y;
+};
+
+// Star-shaped around the origin (sorted random angles, random radii), so simple and
+// counter-clockwise. Each angle is drawn within its own sector so that no gap reaches pi and
+// the origin stays in the kernel.
+std::vector<XY> StarPolygon(std::mt19937& rng, int n)
+{
+    std::uniform_real_distribution<double> jitter(0, 0.4);
+    std::uniform_real_distribution<double> radius(20, 100);
+    std::vector<double> angles(static_cast<size_t>(n));
+    for (int k = 0; k < n; ++k)
+        angles[static_cast<size_t>(k)] = (k + jitter(rng)) * 2 * std::numbers::pi / n;
+    std::vector<XY> out;
+    for (double a : angles) {
+        const double r = radius(rng);
+        out.push_back({static_cast<float>(r * std::cos(a)), static_cast<float>(r * std::sin(a))});
+    }
+    return out;
+}
+
+void Fill(CSSE2dPolygon& polygon, const std::vector<XY>& points)
+{
+    polygon.Create(static_cast<int>(points.size()));
+    for (int i = 0; i < static_cast<int>(points.size()); ++i)
+        polygon.SetPoint(i, static_cast<float>(points[i].x), static_cast<float>(points[i].y));
+}
+
+double Cross(XY a, XY b, XY c)
+{
+    return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
+}
+
+double DoubledArea(const std::vector<XY>& polygon)
+{
+    double sum = 0;
+    for (size_t i = 0; i < polygon.size(); ++i) {
+        const XY a = polygon[i], b = polygon[(i + 1) % polygon.size()];
+        sum += a.x * b.y - b.x * a.y;
+    }
+    return sum;
+}
+
+bool Inside(const std::vector<XY>& polygon, XY p)
+{
+    bool inside = false;
+    for (size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
+        const XY a = polygon[i], b = polygon[j];
+        if ((a.y > p.y) != (b.y > p.y) && p.x < (b.x - a.x) * (p.y - a.y) / (b.y - a.y) + a.x)
+            inside = !inside;
+    }
+    return inside;
+}
+
+bool CrossesProperly(XY a, XY b, XY c, XY d)
+{
+    const double d1 = Cross(a, b, c), d2 = Cross(a, b, d), d3 = Cross(c, d, a), d4 = Cross(c, d, b);
+    return ((d1 > 0 && d2 < 0) || (d1 < 0 && d2 > 0)) && ((d3 > 0 && d4 < 0) || (d3 < 0 && d4 > 0));
+}
+
+// Opens the diagonal records, whose convexity marks have no public reader.
+struct MarkedTriangulator : CHPolygonTriangulator {
+    explicit MarkedTriangulator(CSSE2dPolygon* polygon, bool flag = false)
+        : CHPolygonTriangulator(polygon, 1, 1.0f, 1.0f, flag)
+    {
+    }
+    MarkedTriangulator(CSSE3dPolygon* polygon, int step, float sx, float sy, float sz)
+        : CHPolygonTriangulator(polygon, step, sx, sy, sz, false)
+    {
+    }
+    const qzsse::detail::PolygonDiagonal& DiagonalRecord(int i) const { return m_pDiagonals[i]; }
+};
+
+// Replays the cuts on a plain index cycle: each triangle must be an ear of what remains, the
+// triangles must tile the polygon, its diagonal must run inside, and the convexity marks must
+// describe the two diagonal ends just before the cut.
+void ExpectValidEarClipping(const MarkedTriangulator& t, const std::vector<XY>& polygon)
+{
+    const int n = static_cast<int>(polygon.size());
+    ASSERT_EQ(t.GetNumTriangles(), n - 2);
+    ASSERT_EQ(t.GetNumDiagonals(), n - 2);
+    std::vector<int> cycle(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i)
+        cycle[static_cast<size_t>(i)] = i;
+    double areaSum = 0;
+    for (int k = 0; k < t.GetNumTriangles(); ++k) {
+        int p = -1, v = -1, q = -1;
+        ASSERT_TRUE(t.GetTriangle(k, p, v, q));
+        const auto at = std::find(cycle.begin(), cycle.end(), v);
+        ASSERT_NE(at, cycle.end());
+        const size_t m = cycle.size(), pos = static_cast<size_t>(at - cycle.begin());
+        ASSERT_EQ(cycle[(pos + m - 1) % m], p);
+        ASSERT_EQ(cycle[(pos + 1) % m], q);
+        const XY P = polygon[p], V = polygon[v], Q = polygon[q];
+        const double area = Cross(P, V, Q);
+        EXPECT_GT(area, 0) << "triangle " << k;
+        areaSum += area;
+
+        ASSERT_TRUE(t.DiagonalExists(k));
+        float x1 = 0, y1 = 0, x2 = 0, y2 = 0;
+        t.GetDiagonalPoints(k, x1, y1, x2, y2);
+        EXPECT_EQ(x1, static_cast<float>(P.x));
+        EXPECT_EQ(y2, static_cast<float>(Q.y));
+        // Marks: convexity of p and q just before the cut (skipped when nearly straight, where
+        // the 0.0005 tolerance decides).
+        const XY pp = polygon[cycle[(pos + m - 2) % m]], qq = polygon[cycle[(pos + 2) % m]];
+        if (std::abs(Cross(pp, P, V)) > 0.001) {
+            EXPECT_EQ(t.DiagonalRecord(k).bFirstConvex, Cross(pp, P, V) > 0) << "diagonal " << k;
+        }
+        if (std::abs(Cross(V, Q, qq)) > 0.001) {
+            EXPECT_EQ(t.DiagonalRecord(k).bSecondConvex, Cross(V, Q, qq) > 0) << "diagonal " << k;
+        }
+        if (m > 3) {
+            EXPECT_TRUE(Inside(polygon, {(P.x + Q.x) / 2, (P.y + Q.y) / 2})) << "diagonal " << k;
+            for (int e = 0; e < n; ++e)
+                EXPECT_FALSE(CrossesProperly(P, Q, polygon[e], polygon[(e + 1) % n])) << "diagonal " << k;
+        }
+        cycle.erase(at);
+    }
+    EXPECT_NEAR(areaSum, DoubledArea(polygon), 1e-6 * std::abs(DoubledArea(polygon)));
+    EXPECT_FALSE(t.DiagonalExists(n - 2));
+    EXPECT_FALSE(t.DiagonalExists(-1));
+}
+
+}  // namespace
+
+TEST(PolygonTriangulator, ClipsRandomStarPolygonsIntoTheirArea)
+{
+    std::mt19937 rng(99);
+    for (const int n : {4, 5, 8, 30, 200}) {
+        for (int trial = 0; trial < 6; ++trial) {
+            const auto polygon = StarPolygon(rng, n);
+            CSSE2dPolygon source;
+            Fill(source, polygon);
+            for (const bool flag : {false, true}) {
+                const MarkedTriangulator t(&source, flag);
+                SCOPED_TRACE(testing::Message() << "n " << n << " trial " << trial << " flag " << flag);
+                ExpectValidEarClipping(t, polygon);
+                EXPECT_FALSE(t.Is3DTriangulation());
+            }
+        }
+    }
+}
+
+TEST(PolygonTriangulator, MarksDiagonalEndsByTheirConvexity)
+{
+    // Counter-clockwise arrow whose notch vertex 3 at (2, 1) is reflex. The head's diagonal and
+    // that of vertex 1 both run through the notch, so vertex 2 is the first ear, leaving the
+    // diagonal 1-3 with a convex and a reflex end.
+    const std::vector<XY> arrow = {{0, 0}, {4, 0}, {4, 4}, {2, 1}, {0, 4}};
+    CSSE2dPolygon source;
+    Fill(source, arrow);
+    const MarkedTriangulator t(&source);
+    ExpectValidEarClipping(t, arrow);
+    int p, v, q;
+    ASSERT_TRUE(t.GetTriangle(0, p, v, q));
+    EXPECT_EQ(std::vector<int>({p, v, q}), std::vector<int>({1, 2, 3}));
+    EXPECT_TRUE(t.DiagonalRecord(0).bFirstConvex);
+    EXPECT_FALSE(t.DiagonalRecord(0).bSecondConvex);
+
+    // A straight end counts as convex: cutting the head of this square leaves the diagonal
+    // 4-1 whose end 1 sits in the middle of the bottom side.
+    const std::vector<XY> square = {{0, 0}, {2, 0}, {4, 0}, {4, 4}, {0, 4}};
+    Fill(source, square);
+    const MarkedTriangulator straight(&source);
+    ASSERT_TRUE(straight.GetTriangle(0, p, v, q));
+    EXPECT_EQ(std::vector<int>({p, v, q}), std::vector<int>({4, 0, 1}));
+    EXPECT_TRUE(straight.DiagonalRecord(0).bFirstConvex);
+    EXPECT_TRUE(straight.DiagonalRecord(0).bSecondConvex);
+}
+
+TEST(PolygonTriangulator, FlagMovesWhereTheEarSearchStarts)
+{
+    const std::vector<XY> hexagon = {{2, 0}, {4, 1}, {4, 3}, {2, 4}, {0, 3}, {0, 1}};
+    CSSE2dPolygon source;
+    Fill(source, hexagon);
+    int a, b, c;
+    CHPolygonTriangulator fromHead(&source, 1, 1.0f, 1.0f, false);
+    ASSERT_TRUE(fromHead.GetTriangle(0, a, b, c));
+    EXPECT_EQ(std::vector<int>({a, b, c}), std::vector<int>({5, 0, 1}));
+    CHPolygonTriangulator fromNext(&source, 1, 1.0f, 1.0f, true);
+    ASSERT_TRUE(fromNext.GetTriangle(0, a, b, c));
+    EXPECT_EQ(std::vector<int>({a, b, c}), std::vector<int>({0, 1, 2}));
+    EXPECT_FALSE(fromNext.GetTriangle(4, a, b, c));
+}
+
+TEST(PolygonTriangulator, StepAndScalesSelectAndStretchPoints)
+{
+    // Odd points are wild spikes that would make the polygon self-intersecting; step 2 skips
+    // them, and the 13th point is a remainder that is dropped.
+    std::mt19937 rng(7);
+    const auto star = StarPolygon(rng, 6);
+    CSSE3dPolygon source;
+    source.Create(13);
+    for (int i = 0; i < 6; ++i) {
+        source.SetPoint(2 * i, static_cast<float>(star[i].x), static_cast<float>(star[i].y), 10.0f + i);
+        source.SetPoint(2 * i + 1, 500.0f * (i % 2 ? 1 : -1), -300.0f, 0.0f);
+    }
+    source.SetPoint(12, 1000.0f, 1000.0f, 0.0f);
+    const MarkedTriangulator t(&source, 2, 2.0f, 3.0f, 0.5f);
+    EXPECT_TRUE(t.Is3DTriangulation());
+    EXPECT_EQ(t.GetScaleZ(), 0.5f);
+    std::vector<XY> scaled;
+    for (const XY& p : star)
+        scaled.push_back({static_cast<float>(p.x) * 2.0f, static_cast<float>(p.y) * 3.0f});
+    ExpectValidEarClipping(t, scaled);
+    for (int k = 0; k < t.GetNumTriangles(); ++k) {
+        int a, b, c;
+        SSEPoint A, B, C;
+        t.GetTriangle(k, a, b, c);
+        ASSERT_TRUE(t.GetTriangle3D(k, A, B, C));
+        EXPECT_EQ(A.x, static_cast<float>(star[a].x));
+        EXPECT_EQ(B.y, static_cast<float>(star[b].y));
+        EXPECT_EQ(C.z, 10.0f + c);
+    }
+    SSEPoint A, B, C;
+    EXPECT_FALSE(t.GetTriangle3D(t.GetNumTriangles(), A, B, C));
+}
+
+TEST(PolygonTriangulator, DegenerateInputsGiveNothingOrStopEarly)
+{
+    CSSE2dPolygon two;
+    Fill(two, {{0, 0}, {1, 0}});
+    CHPolygonTriangulator none(&two, 1, 1.0f, 1.0f, false);
+    int a, b, c;
+    SSEPoint A, B, C;
+    EXPECT_EQ(none.GetNumTriangles(), 0);
+    EXPECT_EQ(none.GetNumDiagonals(), 0);
+    EXPECT_FALSE(none.DiagonalExists(0));
+    EXPECT_FALSE(none.GetTriangle(0, a, b, c));
+    EXPECT_FALSE(none.GetTriangle3D(0, A, B, C));
+    float x = -1, y = -1;
+    none.GetDiagonalPoints(0, x, y, x, y);
+    EXPECT_EQ(x, -1.0f);
+
+    // A lone triangle has no ear: the cone test at a corner sees the far corner as its own
+    // neighbour, which is never strictly left.
+    CSSE2dPolygon triangle;
+    Fill(triangle, {{0, 0}, {4, 0}, {0, 4}});
+    EXPECT_EQ(CHPolygonTriangulator(&triangle, 1, 1.0f, 1.0f, false).GetNumTriangles(), 0);
+
+    // Swapping two far-apart vertices of a star makes its outline cross itself.
+    std::mt19937 rng(3);
+    int stoppedEarly = 0;
+    for (int trial = 0; trial < 10; ++trial) {
+        auto star = StarPolygon(rng, 40);
+        std::swap(star[5], star[25]);
+        CSSE2dPolygon source;
+        Fill(source, star);
+        CHPolygonTriangulator t(&source, 1, 1.0f, 1.0f, false);
+        EXPECT_LE(t.GetNumTriangles(), 38);
+        stoppedEarly += t.GetNumTriangles() < 38;
+    }
+    EXPECT_EQ(stoppedEarly, 10);
+}
