@@ -100,7 +100,10 @@ inline NpyGrid ReadNpy(const std::filesystem::path& path)
 
     long long rows = -1, columns = -1;
     const std::string shape = npy::DictValue(header, "shape");
-    if (std::sscanf(shape.c_str(), "(%lld,%lld)", &rows, &columns) != 2 || rows < 0 || columns < 0
+    // %n proves the closing parenthesis follows the second entry, so (2,3,4) is refused.
+    int consumed = 0;
+    if (std::sscanf(shape.c_str(), "(%lld,%lld)%n", &rows, &columns, &consumed) != 2 || consumed == 0
+        || rows < 0 || columns < 0
         || rows > (1 << 20) || columns > (1 << 20))
         throw std::runtime_error("not a 2-D shape " + shape + where);
 
