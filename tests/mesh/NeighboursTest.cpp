@@ -1,16 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <limits>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
 #include <xmmintrin.h>
 
-#include "qzsse/mesh/CHTriangulation.h"
+#include "mesh/MeshTestUtil.h"
+
+using namespace qzsse::test;
 
 namespace {
 
@@ -86,23 +86,6 @@ Adjacency adjacencyOf(const CHTriangulation& mesh)
     return r;
 }
 
-void setCorner(CHTriangulation& mesh, int t, int k, float x, float y, float z = 0.0f)
-{
-    mesh.GetTriangles()[t].pPoint[k]->m = _mm_setr_ps(x, y, z, 0.0f);
-}
-
-// W x H unit cells, each split along (x0,y0)-(x1,y1) into records 2 * (y * W + x) and the next.
-void writeGrid(CHTriangulation& mesh, int w, int h)
-{
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const int t = 2 * (y * w + x);
-            const float x0 = float(x), x1 = float(x + 1), y0 = float(y), y1 = float(y + 1);
-            setCorner(mesh, t, 0, x0, y0), setCorner(mesh, t, 1, x1, y1), setCorner(mesh, t, 2, x0, y1);
-            setCorner(mesh, t + 1, 0, x0, y0), setCorner(mesh, t + 1, 1, x1, y0), setCorner(mesh, t + 1, 2, x1, y1);
-        }
-}
-
 void expectSameAsScan(CHTriangulation& mesh, const char* what)
 {
     const Adjacency expected = pairwiseScan(mesh);
@@ -173,92 +156,42 @@ TEST(Neighbours, MatchPairwiseScanOnShuffledGridsWithZeroedSurplus)
     }
 }
 
-TEST(Neighbours, GridInteriorEdgesLinkBothWaysAndBorderEdgesStayNull)
-{
-    const int w = 37, h = 23;
-    CHTriangulation mesh(2 * w * h, 1, 1, 1);
-    writeGrid(mesh, w, h);
-    mesh.CalcNeighbours();
-    // Independent oracle: the triangles on each undirected edge.
-    std::map<std::array<float, 4>, std::vector<std::pair<int, int>>> edges;
-    for (int t = 0; t < 2 * w * h; ++t)
-        for (int k = 0; k < 3; ++k) {
-            const SSEPoint a = *mesh.GetTriangles()[t].pPoint[k], b = *mesh.GetTriangles()[t].pPoint[(k + 1) % 3];
-            std::array<float, 4> key{a.x, a.y, b.x, b.y};
-            if (std::make_pair(b.x, b.y) < std::make_pair(a.x, a.y))
-                key = {b.x, b.y, a.x, a.y};
-            edges[key].push_back({t, k});
-        }
-    int interior = 0;
-    const t_htriangle* base = mesh.GetTriangles();
-    for (const auto& [key, sides] : edges) {
-        ASSERT_LE(sides.size(), 2u);
-        if (sides.size() == 1) {
-            EXPECT_EQ(base[sides[0].first].pNeighbour[sides[0].second], nullptr);
-            continue;
-        }
-        ++interior;
-        EXPECT_EQ(base[sides[0].first].pNeighbour[sides[0].second], &base[sides[1].first]);
-        EXPECT_EQ(base[sides[1].first].pNeighbour[sides[1].second], &base[sides[0].first]);
-    }
-    EXPECT_EQ(interior, (w - 1) * h + w * (h - 1) + w * h);
-    // Only triangles with a border edge stay in the list; a second run starts afresh.
-    const Adjacency first = adjacencyOf(mesh);
-    EXPECT_EQ(int(first.listed.size()), 2 * (w + h) - 2);
-    mesh.CalcNeighboursConstrained();
-    EXPECT_EQ(adjacencyOf(mesh).neighbour, first.neighbour);
-    EXPECT_EQ(adjacencyOf(mesh).listed, first.listed);
-}
-
-TEST(Neighbours, SignedZeroesMatchButNaNCornersNeverDo)
-{
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    CHTriangulation mesh(6, 1, 1, 1);
-    // 0 and 1 share the edge (0,0)-(1,1) once written with -0.0.
-    setCorner(mesh, 0, 0, 0.0f, 0.0f), setCorner(mesh, 0, 1, 1, 1), setCorner(mesh, 0, 2, 0, 1);
-    setCorner(mesh, 1, 0, -0.0f, -0.0f, -0.0f), setCorner(mesh, 1, 1, 1, 0), setCorner(mesh, 1, 2, 1, 1);
-    // 2 and 3 are the same triangle with a NaN corner, 4 and 5 share only a NaN-free corner.
-    for (int t = 2; t < 4; ++t)
-        setCorner(mesh, t, 0, 5, 5), setCorner(mesh, t, 1, nan, 6), setCorner(mesh, t, 2, 6, 6);
-    setCorner(mesh, 4, 0, 9, 9), setCorner(mesh, 4, 1, 10, 9), setCorner(mesh, 4, 2, 10, 10);
-    setCorner(mesh, 5, 0, 9, 9), setCorner(mesh, 5, 1, 8, 9), setCorner(mesh, 5, 2, 8, 8);
-    mesh.CalcNeighbours();
-    const std::vector<int> expected = {1, -1, -1, /**/ -1, -1, 0, /**/ -1, -1, 3, /**/ -1, -1, 2, /**/ -1, -1, -1,
-                                       /**/ -1, -1, -1};
-    EXPECT_EQ(adjacencyOf(mesh).neighbour, expected);
-}
-
-// A big block of zeroed records: each takes the last record of the block, the last one takes
-// the one before it, and none ever fills up.
-TEST(Neighbours, LargeZeroedBlockEachPointsAtItsLastRecord)
+// The grid's interior edges link both ways, only triangles with a border edge stay listed
+// and those are tagged. A big block of zeroed records behind it: each takes the last record of the block,
+// the last one takes the one before it, and none ever fills up.
+TEST(Neighbours, GridLinksAndZeroedBlockPointsAtItsLastRecord)
 {
     const int w = 40, h = 30, surplus = 200000, n = 2 * w * h + surplus;
     CHTriangulation mesh(n, 1, 1, 1);
     writeGrid(mesh, w, h);
     mesh.CalcNeighbours();
     const t_htriangle* base = mesh.GetTriangles();
+    int links = 0;
+    for (int t = 0; t < 2 * w * h; ++t)
+        for (const t_htriangle* u : base[t].pNeighbour)
+            if (u) {
+                ++links;
+                EXPECT_TRUE(std::count(u->pNeighbour, u->pNeighbour + 3, &base[t]) == 1) << t;
+            }
+    EXPECT_EQ(links, 2 * ((w - 1) * h + w * (h - 1) + w * h));
+    // The border ring is tagged 13: the upper-left triangle of a cell owns its left and top
+    // edges, the other its bottom and right; inner tags stay.
+    mesh.FindBorderTriangles();
+    for (int t = 0; t < 2 * w * h; t += 2) {
+        const int x = t / 2 % w, y = t / 2 / w;
+        ASSERT_EQ(base[t].iTag, x == 0 || y == h - 1 ? 13 : -1) << x << "," << y;
+        ASSERT_EQ(base[t + 1].iTag, y == 0 || x == w - 1 ? 13 : -1) << x << "," << y;
+    }
     for (int t = 2 * w * h; t < n; ++t) {
         ASSERT_EQ(base[t].pNeighbour[0], &base[t + 1 < n ? n - 1 : n - 2]) << t;
         ASSERT_EQ(base[t].pNeighbour[1], nullptr);
         ASSERT_EQ(base[t].pNeighbour[2], nullptr);
     }
-    EXPECT_EQ(int(adjacencyOf(mesh).listed.size()), 2 * (w + h) - 2 + surplus);
-}
-
-TEST(BorderTriangles, GridRingIsTaggedThirteenAndInnerTagsStay)
-{
-    const int w = 9, h = 7;
-    CHTriangulation mesh(2 * w * h, 1, 1, 1);
-    writeGrid(mesh, w, h);
-    mesh.CalcNeighbours();
-    mesh.FindBorderTriangles();
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const int t = 2 * (y * w + x);
-            // The upper-left triangle owns the cell's left and top edges, the other its bottom and right.
-            EXPECT_EQ(mesh.GetTriangles()[t].iTag, x == 0 || y == h - 1 ? 13 : -1) << x << "," << y;
-            EXPECT_EQ(mesh.GetTriangles()[t + 1].iTag, y == 0 || x == w - 1 ? 13 : -1) << x << "," << y;
-        }
+    const Adjacency first = adjacencyOf(mesh);
+    EXPECT_EQ(int(first.listed.size()), 2 * (w + h) - 2 + surplus);
+    mesh.CalcNeighboursConstrained(); // a second run starts afresh
+    EXPECT_EQ(adjacencyOf(mesh).neighbour, first.neighbour);
+    EXPECT_EQ(adjacencyOf(mesh).listed, first.listed);
 }
 
 } // namespace

@@ -2,13 +2,12 @@
 // drawing into existing images, limits by y or by a line, the pixel rasteriser and the
 // denser second pass.
 
-#include <vector>
-
 #include <gtest/gtest.h>
 
-#include "mesh/ScanConvertModel.h"
+#include "mesh/MeshTestUtil.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
+using namespace qzsse::test;
 using namespace qzsse::test::scan;
 
 namespace {
@@ -18,103 +17,96 @@ const std::vector<Tri> kPair = {{{2, 2, 1}, {12, 2, 1}, {2, 12, 1}}, {{4, 4, 2},
 SSEPoint point(float x, float y, float z)
 {
     SSEPoint p;
-    p.x = x;
-    p.y = y;
-    p.z = z;
-    p.w = 0.0f;
+    p.m = _mm_setr_ps(x, y, z, 0.0f);
     return p;
 }
 
 // Where the model drew nothing the target shows what stood there before.
-Image overBackground(const Image& model, float background)
+Image overBackground(Image model, float background)
 {
-    Image out = model;
-    for (float& v : out)
-        if (v == 0.0f)
-            v = background;
-    return out;
+    for (float& v : model)
+        v = v == 0.0f ? background : v;
+    return model;
 }
+
+// kPair with a zero record, so the box minimum is the origin.
+struct PairMesh {
+    CHTriangulation mesh{0, 1.0f, 1.0f, 1.0f};
+    Grid g;
+    PairMesh(int zeroRecords = 1)
+    {
+        setTriangles(mesh, kPair, zeroRecords);
+        g = gridOf(mesh, 1.0f);
+    }
+};
 
 } // namespace
 
-TEST(ScanConvertVariants, CallerBoxReplacesBoundingBox)
+TEST(ScanConvertVariants, CallerBoxOrSizeReplacesBoundingBox)
 {
-    CHTriangulation mesh(0, 1.0f, 1.0f, 1.0f);
-    setTriangles(mesh, kPair);
+    PairMesh p(0);
     SSEPoint lo = point(3, -1, -1), hi = point(10, 16, 5); // cuts the mesh on the left and right
     CSSEMatrix upper, lower;
-    mesh.ScanConvertTriangulationMax_MinMaxPoint(&upper, 0.5f, hi, lo);
-    mesh.ScanConvertTriangulationMin_MinMaxPoint(&lower, 0.5f, hi, lo);
+    p.mesh.ScanConvertTriangulationMax_MinMaxPoint(&upper, 0.5f, hi, lo);
+    p.mesh.ScanConvertTriangulationMin_MinMaxPoint(&lower, 0.5f, hi, lo);
     const Grid g{3, -1, -1, 1, 1, 7, 17};
-    ASSERT_EQ(upper.GetSizeX(), 7);
-    ASSERT_EQ(upper.GetSizeY(), 17);
     EXPECT_EQ(imageOf(upper), modelEnvelope(kPair, g, 1.0f, 0.5f, true));
     EXPECT_EQ(imageOf(lower), modelEnvelope(kPair, g, 1.0f, 0.5f, false));
     EXPECT_EQ(upper.GetPoint(2, 6), 3.5f); // (5, 5) from z = -1: 2 + 1 + 0.5
+
+    SSEPoint origin = point(1, 2, 0.5f);
+    CSSEMatrix target;
+    p.mesh.ScanConvertTriangulationWithLimitedArea(&target, 8, 20, 0.25f, &origin, true);
+    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, Grid{1, 2, 0.5f, 1, 1, 8, 20}, 1.0f, 0.25f, true));
+    p.mesh.ScanConvertTriangulationWithLimitedArea(&target, 9, 6, 0.0f, nullptr, false);
+    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, Grid{2, 2, 1, 1, 1, 9, 6}, 1.0f, 0.0f, false));
+    p.mesh.ScanConvertTriangulationWithLimitedArea(&target, 0, 6, 0.0f, nullptr, true);
+    EXPECT_EQ(target.GetSizeX(), 9);
 }
 
 TEST(ScanConvertVariants, NoDeleteKeepsTargetAndSentinelUnlessAsked)
 {
-    CHTriangulation mesh(0, 1.0f, 1.0f, 1.0f);
-    setTriangles(mesh, kPair, 1);
-    const Grid g = gridOf(mesh, 1.0f);
-    const Image upper = modelEnvelope(kPair, g, 1.0f, 0.0f, true);
-    const Image lower = modelEnvelope(kPair, g, 1.0f, 0.0f, false);
-
+    PairMesh p;
+    const Image upper = modelEnvelope(kPair, p.g, 1.0f, 0.0f, true);
     CSSEMatrix target;
-    mesh.ScanConvertTriangulationMaxNoDelete(&target, true, false);
+    p.mesh.ScanConvertTriangulationMaxNoDelete(&target, true, false);
     EXPECT_EQ(imageOf(target), overBackground(upper, kUpperSentinel));
-    mesh.ScanConvertTriangulationMinNoDelete(&target, true, true);
-    EXPECT_EQ(imageOf(target), lower);
+    p.mesh.ScanConvertTriangulationMinNoDelete(&target, true, true);
+    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, p.g, 1.0f, 0.0f, false));
 
-    target.Create(g.w, g.h);
     target.Fill(1.5f);
-    mesh.ScanConvertTriangulationMaxNoDelete(&target, false, true);
+    p.mesh.ScanConvertTriangulationMaxNoDelete(&target, false, true);
     Image expected = overBackground(upper, 1.5f);
     for (float& v : expected)
         v = std::max(v, 1.5f);
     EXPECT_EQ(imageOf(target), expected);
 
     CSSEMatrix empty;
-    mesh.ScanConvertTriangulationMinNoDelete(&empty, false, true);
+    p.mesh.ScanConvertTriangulationMinNoDelete(&empty, false, true);
     EXPECT_EQ(empty.GetMatrixDataDirectly(), nullptr);
 }
 
 TEST(ScanConvertVariants, YAreaDrawsOnlySamplesBetweenBounds)
 {
-    CHTriangulation mesh(0, 1.0f, 1.0f, 1.0f);
-    setTriangles(mesh, kPair, 1);
-    const Grid g = gridOf(mesh, 1.0f);
-    auto inBand = [](float y) { return 5.0f <= y && y <= 8.0f; };
-    CSSEMatrix target;
-    target.Create(g.w, g.h);
-    mesh.ScanConvertTriangulationMaxNoDeleteInYArea(&target, 5.0f, 8.0f);
-    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, g, 1.0f, 0.0f, true, inBand));
-    EXPECT_EQ(target.GetPoint(5, 3), 0.0f); // sampled, but outside the band
-    target.Fill(100.0f);
-    mesh.ScanConvertTriangulationMinNoDeleteInYArea(&target, 5.0f, 8.0f);
-    EXPECT_EQ(imageOf(target), overBackground(modelEnvelope(kPair, g, 1.0f, 0.0f, false, inBand), 100.0f));
-}
-
-TEST(ScanConvertVariants, LimitedAreaUsesCallerSizeAndOrigin)
-{
-    CHTriangulation mesh(0, 1.0f, 1.0f, 1.0f);
-    setTriangles(mesh, kPair);
-    SSEPoint origin = point(1, 2, 0.5f);
-    CSSEMatrix target;
-    mesh.ScanConvertTriangulationWithLimitedArea(&target, 8, 20, 0.25f, &origin, true);
-    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, Grid{1, 2, 0.5f, 1, 1, 8, 20}, 1.0f, 0.25f, true));
-    mesh.ScanConvertTriangulationWithLimitedArea(&target, 9, 6, 0.0f, nullptr, false);
-    EXPECT_EQ(imageOf(target), modelEnvelope(kPair, Grid{2, 2, 1, 1, 1, 9, 6}, 1.0f, 0.0f, false));
-    mesh.ScanConvertTriangulationWithLimitedArea(&target, 0, 6, 0.0f, nullptr, true);
-    EXPECT_EQ(target.GetSizeX(), 9);
+    PairMesh p;
+    // Bounds are inclusive: the samples of the first triangle's lower leg lie at y = 2 exactly.
+    for (const auto& [lo, hi] : {std::pair{5.0f, 8.0f}, {2.0f, 2.0f}}) {
+        auto inBand = [lo, hi](float y) { return lo <= y && y <= hi; };
+        CSSEMatrix target;
+        target.Create(p.g.w, p.g.h);
+        p.mesh.ScanConvertTriangulationMaxNoDeleteInYArea(&target, lo, hi);
+        const Image expected = modelEnvelope(kPair, p.g, 1.0f, 0.0f, true, inBand);
+        EXPECT_EQ(imageOf(target), expected) << lo;
+        EXPECT_GT(countNonZero(expected), 10);
+        target.Fill(100.0f);
+        p.mesh.ScanConvertTriangulationMinNoDeleteInYArea(&target, lo, hi);
+        EXPECT_EQ(imageOf(target), overBackground(modelEnvelope(kPair, p.g, 1.0f, 0.0f, false, inBand), 100.0f));
+    }
 }
 
 TEST(ScanConvertVariants, ThroughLineClearsPixelsOutsideTheLine)
 {
-    CHTriangulation mesh(0, 1.0f, 1.0f, 1.0f);
-    setTriangles(mesh, kPair, 1);
-    const Grid g = gridOf(mesh, 1.0f);
+    PairMesh p;
     CSSE3dPolygon line;
     line.Create(4);
     line.SetPoint(0, 4.5f, 4.5f, 0);
@@ -124,14 +116,14 @@ TEST(ScanConvertVariants, ThroughLineClearsPixelsOutsideTheLine)
     for (bool upper : {true, false}) {
         CSSEMatrix target;
         if (upper)
-            mesh.ScanConvertThroughLineMax(&target, &line, 0.0f);
+            p.mesh.ScanConvertThroughLineMax(&target, &line, 0.0f);
         else
-            mesh.ScanConvertThroughLineMin(&target, &line, 0.0f);
-        Image expected = modelEnvelope(kPair, g, 1.0f, 0.0f, upper);
-        for (int y = 0; y < g.h; ++y)
-            for (int x = 0; x < g.w; ++x)
+            p.mesh.ScanConvertThroughLineMin(&target, &line, 0.0f);
+        Image expected = modelEnvelope(kPair, p.g, 1.0f, 0.0f, upper);
+        for (int y = 0; y < p.g.h; ++y)
+            for (int x = 0; x < p.g.w; ++x)
                 if (!(x >= 5 && x <= 9 && y >= 5 && y <= 9))
-                    expected[y * g.w + x] = 0.0f;
+                    expected[y * p.g.w + x] = 0.0f;
         EXPECT_EQ(imageOf(target), expected) << upper;
         EXPECT_GT(countNonZero(expected), 15);
     }
@@ -149,24 +141,23 @@ TEST(ScanConvertVariants, FastInterpolatesAtPixelCentresInsideTheProjection)
         for (int x = 0; x < 12; ++x) {
             // Inner pixels whose centre lies in the triangle, its edges included.
             const bool inside = x >= 2 && y >= 2 && x + y <= 14 && x <= 10 && y <= 10;
-            const float expected = inside ? plane(static_cast<float>(x), static_cast<float>(y)) + 2.0f : 0.0f;
-            EXPECT_NEAR(target.GetPoint(x, y), expected, 1e-5f) << x << "," << y;
+            EXPECT_NEAR(target.GetPoint(x, y), inside ? plane(float(x), float(y)) + 2.0f : 0.0f, 1e-5f) << x << "," << y;
         }
 
-    setTriangles(mesh, kPair, 1);
-    CSSEMatrix upper, lower;
-    mesh.FastScanConvertTriangulation(&upper, 0.0f, true);
-    mesh.FastScanConvertTriangulation(&lower, 0.0f, false);
-    EXPECT_EQ(upper.GetPoint(6, 6), 2.0f);
-    EXPECT_EQ(lower.GetPoint(6, 6), 1.0f);
-    EXPECT_EQ(lower.GetPoint(3, 3), 1.0f);
-    EXPECT_EQ(lower.GetPoint(12, 5), 2.0f);
-    EXPECT_EQ(lower.GetPoint(3, 12), 0.0f); // 3 + 12 > 14: outside the first triangle
+    PairMesh p;
+    CSSEMatrix lower;
+    p.mesh.FastScanConvertTriangulation(&target, 0.0f, true);
+    p.mesh.FastScanConvertTriangulation(&lower, 0.0f, false);
+    // (x, y, upper, lower): both, first only, second only, outside the first (3 + 12 > 14).
+    for (const auto& [x, y, up, low] : {std::array{6.0f, 6.0f, 2.0f, 1.0f}, {3, 3, 1, 1}, {12, 5, 2, 2}, {3, 12, 0, 0}}) {
+        EXPECT_EQ(target.GetPoint(int(x), int(y)), up) << x << "," << y;
+        EXPECT_EQ(lower.GetPoint(int(x), int(y)), low) << x << "," << y;
+    }
     SSEPoint lo = point(-1, -1, -1), hi = point(14, 14, 2);
-    mesh.FastScanConvertTriangulation_MinMaxPoint(&upper, 0.0f, hi, lo, true);
-    EXPECT_EQ(upper.GetSizeX(), 15);
-    EXPECT_EQ(upper.GetPoint(7, 7), 3.0f); // mesh point (6, 6), measured from z = -1
-    EXPECT_EQ(upper.GetPoint(4, 4), 2.0f); // (3, 3): first triangle only
+    p.mesh.FastScanConvertTriangulation_MinMaxPoint(&target, 0.0f, hi, lo, true);
+    EXPECT_EQ(target.GetSizeX(), 15);
+    EXPECT_EQ(target.GetPoint(7, 7), 3.0f); // mesh point (6, 6), measured from z = -1
+    EXPECT_EQ(target.GetPoint(4, 4), 2.0f); // (3, 3): first triangle only
 }
 
 TEST(ScanConvertVariants, RefineAddsTwiceAsDenseSamplesToDrawnImage)
@@ -187,12 +178,10 @@ TEST(ScanConvertVariants, RefineAddsTwiceAsDenseSamplesToDrawnImage)
         const Image first = modelEnvelope(tri, g, 1.0f, 0.0f, upper);
         const Image second = modelEnvelope(tri, g, 2.0f, 0.0f, upper);
         Image expected(first.size());
-        for (size_t i = 0; i < first.size(); ++i) {
-            if (first[i] == 0.0f || second[i] == 0.0f)
-                expected[i] = first[i] + second[i];
-            else
-                expected[i] = upper ? std::max(first[i], second[i]) : std::min(first[i], second[i]);
-        }
+        for (size_t i = 0; i < first.size(); ++i)
+            expected[i] = first[i] == 0.0f || second[i] == 0.0f ? first[i] + second[i]
+                          : upper                                ? std::max(first[i], second[i])
+                                                                 : std::min(first[i], second[i]);
         EXPECT_EQ(imageOf(target), expected) << upper;
         EXPECT_GT(countNonZero(expected), countNonZero(first));
     }
