@@ -24,6 +24,12 @@ struct PolygonTriangle {
     int c;
 };
 
+struct EdgeScanRing;
+
+// Test switch (per thread): when set, Diagonalie scans every edge with Intersect and the ear
+// search walks the ring, the direct forms the faster ones are checked against.
+extern thread_local bool g_bDirectEarClipping;
+
 }  // namespace qzsse::detail
 
 // Ear-clipping triangulation of a simple polygon in the plane (counter-clockwise, as the cone
@@ -53,6 +59,9 @@ public:
     bool Diagonal(const t_hvertex* a, const t_hvertex* b) const;
     // a-b meets no polygon edge that does not end in a or b.
     bool Diagonalie(const t_hvertex* a, const t_hvertex* b) const;
+    // The same answer by calling Intersect on every edge; the reference the faster scan is
+    // checked against.
+    bool DiagonalieDirect(const t_hvertex* a, const t_hvertex* b) const;
 
     bool DiagonalExists(int i) const;
     // Scaled end positions of diagonal i; an end is written only when its vertex index is valid.
@@ -84,6 +93,9 @@ protected:
     bool m_bFlag = false;
 
 private:
+    // The ring's contiguous copy while Triangulate runs; null otherwise.
+    qzsse::detail::EdgeScanRing* m_pRing = nullptr;
+
     void build(int pointCount);
     void linkVertices();
 };

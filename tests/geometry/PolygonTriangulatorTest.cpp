@@ -268,3 +268,163 @@ TEST(PolygonTriangulator, DegenerateInputsGiveNothingOrStopEarly)
     }
     EXPECT_EQ(stoppedEarly, 10);
 }
+
+namespace {
+
+// Outlines meant to stress the edge scan: tolerance-sized slivers, collinear runs on awkward
+// coordinates, near-duplicate points, nearly vertical short edges and crossings.
+std::vector<XY> AwkwardPolygon(std::mt19937& rng, int kind, int n)
+{
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::vector<XY> out;
+    switch (kind) {
+    case 0:
+        return StarPolygon(rng, n);
+    case 1: {  // Star whose vertices snap to a coarse grid: many exact and near collinearities.
+        for (const XY& p : StarPolygon(rng, n))
+            out.push_back({std::round(p.x / 10) * 0.1 + 1000.3, std::round(p.y / 10) * 0.7 - 300.1});
+        return out;
+    }
+    case 2: {  // Square with collinear runs on its sides and a slanted run, far from the origin.
+        const int side = std::max(1, n / 5);
+        for (int k = 0; k < side; ++k)
+            out.push_back({1234.5 + 0.3 * k * 10 / side, 777.7});
+        for (int k = 0; k < side; ++k)
+            out.push_back({1237.5 + 0.3 * k * 10 / side, 777.7 + 0.7 * k * 10 / side});
+        for (int k = 0; k < side; ++k)
+            out.push_back({1240.5, 784.7 + 0.1 * k * 10 / side});
+        for (int k = 0; k < side; ++k)
+            out.push_back({1240.5 - 0.6 * k * 10 / side, 785.7});
+        out.push_back({1234.5, 785.7});
+        return out;
+    }
+    case 3: {  // Star with short, nearly vertical zigzags of a tolerance's width.
+        for (const XY& p : StarPolygon(rng, n)) {
+            out.push_back({p.x * 0.01, p.y * 0.01});
+            if (unit(rng) < 0.3)
+                out.push_back({p.x * 0.01 + 0.0001 * (unit(rng) - 0.5), p.y * 0.01 + 0.002 * unit(rng)});
+        }
+        return out;
+    }
+    case 4: {  // Near-duplicate points.
+        for (const XY& p : StarPolygon(rng, n)) {
+            out.push_back(p);
+            if (unit(rng) < 0.3)
+                out.push_back({p.x + 1e-5 * unit(rng), p.y});
+        }
+        return out;
+    }
+    case 5: {  // A star with two vertices swapped: crosses itself.
+        out = StarPolygon(rng, n);
+        std::swap(out[static_cast<size_t>(n / 5)], out[static_cast<size_t>(n / 2)]);
+        return out;
+    }
+    default: {  // Random points on a small integer grid in random order.
+        std::uniform_int_distribution<int> cell(0, 6);
+        for (int k = 0; k < n; ++k)
+            out.push_back({cell(rng) * 0.5, cell(rng) * 0.5});
+        return out;
+    }
+    }
+}
+
+// Re-links the whole outline so that single diagonal queries can be made on it.
+struct ScanProbe : CHPolygonTriangulator {
+    explicit ScanProbe(CSSE2dPolygon* polygon) : CHPolygonTriangulator(polygon, 1, 1.0f, 1.0f, false)
+    {
+        for (int i = 0; i < m_nNumVertices; ++i) {
+            m_pVertices[i].next = &m_pVertices[(i + 1) % m_nNumVertices];
+            m_pVertices[i].prev = &m_pVertices[(i + m_nNumVertices - 1) % m_nNumVertices];
+        }
+        m_pHead = &m_pVertices[0];
+    }
+    const t_hvertex* Vertex(int i) const { return &m_pVertices[i]; }
+};
+
+struct Outcome {
+    std::vector<int> triangles;
+    std::vector<int> diagonals;
+};
+
+// Both runs: the one in the constructor and a repeated one on the clipped remainder.
+Outcome Clip(CSSE2dPolygon& source, int step, bool flag, bool direct)
+{
+    qzsse::detail::g_bDirectEarClipping = direct;
+    struct Open : CHPolygonTriangulator {
+        using CHPolygonTriangulator::CHPolygonTriangulator;
+        void Append(Outcome& out) const
+        {
+            for (int k = 0; k < m_nNumTriangles; ++k)
+                out.triangles.insert(out.triangles.end(), {m_pTriangles[k].a, m_pTriangles[k].b, m_pTriangles[k].c});
+            for (int k = 0; k < m_nNumDiagonals; ++k) {
+                const auto& d = m_pDiagonals[k];
+                out.diagonals.insert(out.diagonals.end(),
+                                     {d.bExists, d.iFirst, d.bFirstConvex, d.iSecond, d.bSecondConvex});
+            }
+            out.triangles.push_back(-1);
+            out.diagonals.push_back(-1);
+        }
+    } t(&source, step, 1.0f, 1.0f, flag);
+    Outcome out;
+    t.Append(out);
+    t.Triangulate();
+    t.Append(out);
+    qzsse::detail::g_bDirectEarClipping = false;
+    return out;
+}
+
+}  // namespace
+
+TEST(PolygonTriangulator, FilteredEdgeScanAnswersLikeTheDirectScan)
+{
+    std::mt19937 rng(2024);
+    int diagonals = 0, queries = 0;
+    for (int kind = 0; kind < 7; ++kind) {
+        for (int trial = 0; trial < 8; ++trial) {
+            const auto polygon = AwkwardPolygon(rng, kind, 12 + 6 * trial);
+            CSSE2dPolygon source;
+            Fill(source, polygon);
+            const ScanProbe probe(&source);
+            const int n = static_cast<int>(polygon.size());
+            for (int i = 0; i < n; ++i) {
+                for (int j = 0; j < n; ++j) {
+                    const bool fast = probe.Diagonalie(probe.Vertex(i), probe.Vertex(j));
+                    ASSERT_EQ(fast, probe.DiagonalieDirect(probe.Vertex(i), probe.Vertex(j)))
+                        << "kind " << kind << " trial " << trial << " pair " << i << " " << j;
+                    diagonals += fast;
+                    ++queries;
+                }
+            }
+        }
+    }
+    // Both answers occur often enough for the comparison to mean something.
+    EXPECT_GT(diagonals, queries / 20);
+    EXPECT_LT(diagonals, queries - queries / 20);
+}
+
+TEST(PolygonTriangulator, FilteredEdgeScanClipsLikeTheDirectScan)
+{
+    std::mt19937 rng(77);
+    int stoppedEarly = 0;
+    for (int kind = 0; kind < 7; ++kind) {
+        for (int trial = 0; trial < 10; ++trial) {
+            const auto polygon = AwkwardPolygon(rng, kind, 10 + 15 * trial);
+            CSSE2dPolygon source;
+            Fill(source, polygon);
+            for (const int step : {1, 2}) {
+                for (const bool flag : {false, true}) {
+                    const Outcome fast = Clip(source, step, flag, false);
+                    const Outcome direct = Clip(source, step, flag, true);
+                    SCOPED_TRACE(testing::Message() << "kind " << kind << " trial " << trial << " step " << step
+                                                    << " flag " << flag);
+                    EXPECT_EQ(fast.triangles, direct.triangles);
+                    EXPECT_EQ(fast.diagonals, direct.diagonals);
+                    const int full = static_cast<int>(polygon.size()) / step - 2;
+                    const auto firstRun = std::find(direct.triangles.begin(), direct.triangles.end(), -1);
+                    stoppedEarly += static_cast<int>(firstRun - direct.triangles.begin()) / 3 < full;
+                }
+            }
+        }
+    }
+    EXPECT_GT(stoppedEarly, 20);
+}
