@@ -59,30 +59,26 @@ TEST(ConvexHull2D, WritesClockwiseEndingWithLowestLeftmostPivot)
     EXPECT_EQ(Hull({{5, 0}, {5, 5}, {3, 2}, {1, 0}, {1, 5}}),
               (std::vector<XY>{{1, 5}, {5, 5}, {5, 0}, {1, 0}}));
 
-    CSSE3dPolygon polygon;
+    // The 3-D form carries each point's z along.
+    CSSE3dPolygon polygon, out;
     polygon.Create(4);
-    polygon.SetPoint(0, 0, 0, 7);
-    polygon.SetPoint(1, 2, 0, 8);
-    polygon.SetPoint(2, 1, 1, 9);
-    polygon.SetPoint(3, 1, 0.2f, 10);
-    CHConvexHull2D hull(&polygon);
-    CSSE3dPolygon out;
-    hull.ObtainConvexHull3D(&out);
+    const float in[4][3] = {{0, 0, 7}, {2, 0, 8}, {1, 1, 9}, {1, 0.2f, 10}};
+    for (int i = 0; i < 4; ++i)
+        polygon.SetPoint(i, in[i][0], in[i][1], in[i][2]);
+    CHConvexHull2D(&polygon).ObtainConvexHull3D(&out);
     ASSERT_EQ(out.GetNumPoints(), 3);
-    const float expected[3][3] = {{1, 1, 9}, {2, 0, 8}, {0, 0, 7}};
     for (int i = 0; i < 3; ++i) {
         float x, y, z;
         out.GetPoint(i, x, y, z);
-        EXPECT_EQ(x, expected[i][0]);
-        EXPECT_EQ(y, expected[i][1]);
-        EXPECT_EQ(z, expected[i][2]);
+        EXPECT_TRUE(x == in[2 - i][0] && y == in[2 - i][1] && z == in[2 - i][2]) << i;
     }
 }
 
 TEST(ConvexHull2D, DropsCollinearAndRepeatedPoints)
 {
+    // (4.0001, 2) lies outside the right edge, but by a doubled area of 0.0004 only.
     const std::vector<XY> square = {{0, 0}, {4, 4}, {2, 0}, {4, 0}, {0, 4}, {4, 2}, {2, 4}, {0, 2}, {4, 4},
-                                    {2, 0.0001f}, {0, 0}, {1, 1}};
+                                    {2, 0.0001f}, {0, 0}, {1, 1}, {4.0001f, 2}};
     EXPECT_EQ(Hull(square), (std::vector<XY>{{0, 4}, {4, 4}, {4, 0}, {0, 0}}));
     // A run on one ray from the pivot keeps only its farthest point.
     EXPECT_EQ(Hull({{0, 0}, {3, 3}, {1, 1}, {2, 2}, {3, 0}}), (std::vector<XY>{{3, 3}, {3, 0}, {0, 0}}));
@@ -93,8 +89,7 @@ TEST(ConvexHull2D, FewerThanThreePointsGiveThemBack)
     EXPECT_EQ(Hull({{5, 5}, {1, 1}}), (std::vector<XY>{{5, 5}, {1, 1}}));
     EXPECT_EQ(Hull({{5, 5}}), (std::vector<XY>{{5, 5}}));
     EXPECT_TRUE(Hull({}).empty());
-    // Three copies of one point squash to two.
-    EXPECT_EQ(Hull({{2, 2}, {2, 2}, {2, 2}}).size(), 2u);
+    EXPECT_EQ(Hull({{2, 2}, {2, 2}, {2, 2}}).size(), 2u); // three copies of one point squash to two
 }
 
 TEST(ConvexHull2D, MatchesCgalOnRandomGridPoints)
@@ -107,10 +102,8 @@ TEST(ConvexHull2D, MatchesCgalOnRandomGridPoints)
         for (const int range : {4, 30, 1000}) {
             std::uniform_int_distribution<int> c(0, range);
             std::vector<XY> points;
-            for (int k = 0; k < n; ++k) {
-                const XY p{static_cast<float>(c(rng)), static_cast<float>(c(rng))};
-                points.push_back(p);
-            }
+            for (int k = 0; k < n; ++k)
+                points.push_back({static_cast<float>(c(rng)), static_cast<float>(c(rng))});
             std::sort(points.begin(), points.end(), [](XY a, XY b) { return a.x < b.x || (a.x == b.x && a.y < b.y); });
             points.erase(std::unique(points.begin(), points.end()), points.end());
             std::shuffle(points.begin(), points.end(), rng);
