@@ -64,6 +64,7 @@ void CH2DDelaunay::LowerFaces()
 
 void CH2DDelaunay::LoftWith3DTriangulation(CHTriangulation* first, CHTriangulation* second)
 {
+    invalidateGridIndex();
     tVertexStructure* v = m_pVertices;
     if (!v)
         return;

@@ -1,8 +1,11 @@
 #include "qzsse/geometry/CHConvexHull3D.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
+#include "qzsse/geometry/detail/GridPointIndex.h"
+#include "qzsse/geometry/detail/HullConflictGraph.h"
 
 namespace qzsse::detail {
 
@@ -87,8 +90,23 @@ CHConvexHull3D::~CHConvexHull3D()
 
 tVertexStructure* CHConvexHull3D::NewVertex() { return new tVertexStructure{}; }
 void CHConvexHull3D::FreeVertex(tVertexStructure* v) { delete v; }
-void CHConvexHull3D::AddVertex(tVertexStructure* v) { LinkBeforeHead(m_pVertices, v); }
-void CHConvexHull3D::DeleteVertex(tVertexStructure* v) { UnlinkAndFree(m_pVertices, v); }
+void CHConvexHull3D::AddVertex(tVertexStructure* v)
+{
+    invalidateGridIndex();
+    LinkBeforeHead(m_pVertices, v);
+}
+
+void CHConvexHull3D::DeleteVertex(tVertexStructure* v)
+{
+    invalidateGridIndex();
+    UnlinkAndFree(m_pVertices, v);
+}
+
+void CHConvexHull3D::invalidateGridIndex()
+{
+    if (m_pGridIndex)
+        m_pGridIndex->Invalidate();
+}
 void CHConvexHull3D::AddEdge(tEdgeStructure* e) { LinkBeforeHead(m_pEdges, e); }
 void CHConvexHull3D::DeleteEdge(tEdgeStructure* e) { UnlinkAndFree(m_pEdges, e); }
 void CHConvexHull3D::AddFace(tFaceStructure* f) { LinkBeforeHead(m_pFaces, f); }
@@ -104,6 +122,7 @@ tVertexStructure* CHConvexHull3D::MakeNullVertex()
 tEdgeStructure* CHConvexHull3D::MakeNullEdge()
 {
     tEdgeStructure* e = new tEdgeStructure{};
+    e->serial = m_nEdgeSerial++;
     AddEdge(e);
     return e;
 }
@@ -131,18 +150,18 @@ void CHConvexHull3D::storeCounts()
 
 tVertexStructure* CHConvexHull3D::appendGridVertex(long long x, long long y, long long z)
 {
-    if (m_pVertices) {
-        const tVertexStructure* v = m_pVertices;
-        do {
-            if (v->x == x && v->y == y && v->z == z)
-                return nullptr;
-            v = v->next;
-        } while (v != m_pVertices);
-    }
+    if (!m_pGridIndex)
+        m_pGridIndex = std::make_shared<qzsse::detail::GridPointIndex>();
+    if (!m_pGridIndex->Mirrors(m_pVertices, m_pVertices ? m_pVertices->prev : nullptr))
+        m_pGridIndex->Rebuild(m_pVertices);
+    const qzsse::detail::GridPointIndex::Key key{x, y, z};
+    if (m_pGridIndex->Contains(key))
+        return nullptr;
     tVertexStructure* v = MakeNullVertex();
     v->x = x;
     v->y = y;
     v->z = z;
+    m_pGridIndex->Appended(key, m_pVertices, m_pVertices->prev);
     return v;
 }
 
@@ -263,10 +282,15 @@ void CHConvexHull3D::DoubleTriangle()
             throw CHDegenerateHullException("convex hull of coplanar points");
     }
     m_pVertices = v3;
+    invalidateGridIndex();
 }
 
 void CHConvexHull3D::ConstructHull()
 {
+    if (!m_bFullScan) {
+        constructHullWithConflicts();
+        return;
+    }
     tVertexStructure* v = m_pVertices;
     if (!v)
         return;
@@ -311,6 +335,157 @@ bool CHConvexHull3D::AddOne(tVertexStructure* p)
         e = next;
     } while (e != m_pEdges);
     return true;
+}
+
+// The first point is added by the full scans, which turns the two-sided seed triangle into
+// a solid; from then on a point that sees a new cone face sees one of the two old faces
+// beside its base edge, which is what lets the conflict graph replace the scans.
+void CHConvexHull3D::constructHullWithConflicts()
+{
+    tVertexStructure* v = m_pVertices;
+    if (!v)
+        return;
+    qzsse::detail::ConflictGraph graph(*this);
+    qzsse::detail::HullStepScratch step;
+    bool seeded = false;
+    do {
+        tVertexStructure* next = v->next;
+        if (!v->bProcessed) {
+            v->bProcessed = true;
+            if (!seeded) {
+                AddOne(v);
+                CleanUp(&next);
+                seedConflicts(graph);
+                seeded = true;
+            } else {
+                addOneFromConflicts(v, graph, step);
+                cleanUpAfterConflicts(v, &next, graph, step);
+            }
+            if (m_bCheck)
+                Checks();
+        }
+        v = next;
+    } while (v != m_pVertices);
+}
+
+void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
+{
+    tVertexStructure* v = m_pVertices;
+    do {
+        if (!v->bProcessed) {
+            tFaceStructure* f = m_pFaces;
+            do {
+                if (VolumeSign(f, v) < 0)
+                    graph.Link(v, f);
+                f = f->next;
+            } while (f != m_pFaces);
+        }
+        v = v->next;
+    } while (v != m_pVertices);
+}
+
+// AddOne on the faces p sees. Cone faces are made in edge-list order (the serial order), so
+// they and their edges are created exactly as the scan of the whole edge list creates them.
+bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::ConflictGraph& graph,
+                                         qzsse::detail::HullStepScratch& step)
+{
+    step.visible.clear();
+    step.horizon.clear();
+    step.removed.clear();
+    for (const qzsse::detail::ConflictArc* a = p->conflicts; a; a = a->nextOfVertex) {
+        a->face->bVisible = true;
+        step.visible.push_back(a->face);
+    }
+    graph.UnlinkVertex(p);
+    if (step.visible.empty()) {
+        p->bOnHull = false;
+        return false;
+    }
+
+    for (tFaceStructure* f : step.visible) {
+        for (tEdgeStructure* e : f->edge) {
+            if (e->adjface[0]->bVisible && e->adjface[1]->bVisible) {
+                if (!e->bDelete) {
+                    e->bDelete = true;
+                    step.removed.push_back(e);
+                }
+            } else {
+                step.horizon.push_back(e);
+            }
+        }
+    }
+    std::sort(step.horizon.begin(), step.horizon.end(),
+              [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
+
+    for (tEdgeStructure* e : step.horizon) {
+        tFaceStructure* cone = MakeConeFace(e, p);
+        e->newface = cone;
+        const bool firstVisible = e->adjface[0]->bVisible;
+        tFaceStructure* gone = e->adjface[firstVisible ? 0 : 1];
+        tFaceStructure* kept = e->adjface[firstVisible ? 1 : 0];
+        for (const qzsse::detail::ConflictArc* a = gone->conflicts; a; a = a->nextOfFace)
+            if (VolumeSign(cone, a->vertex) < 0)
+                graph.Link(a->vertex, cone);
+        // A point in both lists is linked at most once: its newest pair would be this cone.
+        for (const qzsse::detail::ConflictArc* a = kept->conflicts; a; a = a->nextOfFace) {
+            tVertexStructure* q = a->vertex;
+            if (!(q->conflicts && q->conflicts->face == cone) && VolumeSign(cone, q) < 0)
+                graph.Link(q, cone);
+        }
+    }
+    return true;
+}
+
+// CleanUp restricted to what p changed. Deleting in another order than the list walk leaves
+// the same heads and the same next vertex: each moves to the first survivor after it.
+void CHConvexHull3D::cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
+                                           qzsse::detail::ConflictGraph& graph,
+                                           qzsse::detail::HullStepScratch& step)
+{
+    for (tEdgeStructure* e : step.horizon) {
+        if (e->adjface[0]->bVisible)
+            e->adjface[0] = e->newface;
+        else
+            e->adjface[1] = e->newface;
+        e->newface = nullptr;
+    }
+    step.orphanCandidates.clear();
+    step.orphanCandidates.push_back(p);
+    for (tEdgeStructure* e : step.removed) {
+        step.orphanCandidates.push_back(e->endpts[0]);
+        step.orphanCandidates.push_back(e->endpts[1]);
+        DeleteEdge(e);
+    }
+    for (tFaceStructure* f : step.visible) {
+        graph.UnlinkFace(f);
+        DeleteFace(f);
+    }
+
+    // A vertex of a removed edge stays on the hull exactly when it ends a horizon edge
+    // (around it the faces change from seen to unseen there); p stays when it got a cone.
+    for (tEdgeStructure* e : step.horizon)
+        e->endpts[0]->bOnHull = e->endpts[1]->bOnHull = true;
+    if (!step.horizon.empty())
+        p->bOnHull = true;
+    std::sort(step.orphanCandidates.begin(), step.orphanCandidates.end());
+    step.orphanCandidates.erase(std::unique(step.orphanCandidates.begin(), step.orphanCandidates.end()),
+                                step.orphanCandidates.end());
+    for (tVertexStructure* v : step.orphanCandidates) {
+        if (v->bProcessed && !v->bOnHull) {
+            if (v == *nextVertex)
+                *nextVertex = v->next;
+            DeleteVertex(v);
+        }
+    }
+    for (tEdgeStructure* e : step.horizon)
+        for (tVertexStructure* v : e->endpts) {
+            v->bOnHull = false;
+            v->duplicate = nullptr;
+        }
+    if (!step.horizon.empty()) {
+        p->bOnHull = false;
+        p->duplicate = nullptr;
+    }
 }
 
 tFaceStructure* CHConvexHull3D::MakeConeFace(tEdgeStructure* e, tVertexStructure* p)

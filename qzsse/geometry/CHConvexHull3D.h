@@ -1,10 +1,19 @@
 #pragma once
 
+#include <memory>
+
 #include "qzsse/core/SSEPoint.h"
 #include "qzsse/geometry/CHDegenerateHullException.h"
 
 struct tEdgeStructure;
 struct tFaceStructure;
+
+namespace qzsse::detail {
+struct ConflictArc;
+class ConflictGraph;
+class GridPointIndex;
+struct HullStepScratch;
+} // namespace qzsse::detail
 
 // A hull vertex on the integer grid.
 struct tVertexStructure {
@@ -16,6 +25,7 @@ struct tVertexStructure {
     bool bOnHull;
     bool bProcessed;
     bool bFlag;                     // the caller's flag given to AppendVertex2D
+    qzsse::detail::ConflictArc* conflicts;  // faces this point sees, until it is added
 };
 
 struct tEdgeStructure {
@@ -25,6 +35,7 @@ struct tEdgeStructure {
     tEdgeStructure* next;
     tEdgeStructure* prev;
     bool bDelete;
+    unsigned long long serial;      // creation number: the edge list runs in this order
 };
 
 // Corners run counter-clockwise seen from outside the hull; after EdgeOrderOnFaces edge[i]
@@ -36,6 +47,7 @@ struct tFaceStructure {
     tFaceStructure* prev;
     bool bVisible;
     bool bLowerFace;                // set by CH2DDelaunay::LowerFaces
+    qzsse::detail::ConflictArc* conflicts;  // points not yet added that see this face
 };
 
 // Incremental convex hull of points on a 64-bit integer grid. Every list is circular and
@@ -45,7 +57,14 @@ struct tFaceStructure {
 // overflow, so the results equal the 64-bit ones wherever those were exact).
 //
 // Degenerate input (all points collinear or coplanar, fewer than four distinct points)
-// throws CHDegenerateHullException from CalcConvexHull. Building the hull costs O(n^2).
+// throws CHDegenerateHullException from CalcConvexHull.
+//
+// ConstructHull keeps, for every point not yet added, the faces it sees (a conflict graph),
+// so a point costs work in proportion to the faces and conflicts it changes (about n log n
+// in all for points in random order) instead of a scan of every face and edge. Its vertex, edge and
+// face lists, their order and every field are those of AddOne and CleanUp applied to each
+// point in turn, which stay available as they are; this relies on VolumeSign being an
+// orientation test (an override that is not must set m_bFullScan).
 //
 // Copy construction and assignment copy the members as they are: the copy shares the
 // lists, and only one of the two objects may be destroyed.
@@ -58,7 +77,9 @@ public:
 
     // Grid point (trunc(10 x + 0.5), trunc(10 y + 0.5), X^2 + Y^2), float arithmetic; |x|
     // and |y| must stay below about 3e8 so that Z fits in 64 bits. A point equal to an
-    // existing vertex is not added. index -1 takes the running vertex counter.
+    // existing vertex is not added. index -1 takes the running vertex counter. The test looks
+    // the point up in an index of the list, so coordinates changed by hand through the
+    // vertex pointers are not seen by it.
     void AppendVertex2D(float x, float y, int index, bool flag);
     // Grid point trunc(v * scale + 0.5) per coordinate; same duplicate rule; index 0.
     void AppendVertex3D(float x, float y, float z, float scale);
@@ -134,6 +155,16 @@ public:
     tFaceStructure* MakeNullFace();
 
 protected:
+    // Vertices were moved, removed or linked other than by appending: the duplicate test
+    // must look at the list again.
+    void invalidateGridIndex();
+    void constructHullWithConflicts();
+    void seedConflicts(qzsse::detail::ConflictGraph& graph);
+    bool addOneFromConflicts(tVertexStructure* p, qzsse::detail::ConflictGraph& graph,
+                             qzsse::detail::HullStepScratch& step);
+    void cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
+                               qzsse::detail::ConflictGraph& graph, qzsse::detail::HullStepScratch& step);
+
     // Counts into the count fields; the vertex counter becomes the vertex count.
     void storeCounts();
     // Appends a vertex unless one with the same coordinates exists.
@@ -148,4 +179,9 @@ protected:
     int m_nEdges;
     int m_nVertices;
     int m_nVertexCounter;
+    // true: ConstructHull runs AddOne and CleanUp on the whole lists for every point.
+    bool m_bFullScan = false;
+    unsigned long long m_nEdgeSerial = 0;
+    // Speeds up the duplicate test of appending; copies share it as they share the lists.
+    std::shared_ptr<qzsse::detail::GridPointIndex> m_pGridIndex;
 };

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <random>
 #include <set>
@@ -12,37 +13,17 @@
 #include <CGAL/Surface_mesh.h>
 #include <CGAL/convex_hull_3.h>
 
+#include "geometry/HullTestUtil.h"
 #include "qzsse/geometry/CHConvexHull3D.h"
 
 namespace {
 
+using qzsse::test::Faces;
+using qzsse::test::Vertices;
+
 using Exact = boost::multiprecision::checked_int256_t;
 using Coord = std::array<long long, 3>;
 using Triangle = std::array<Coord, 3>;
-
-std::vector<tVertexStructure*> Vertices(const CHConvexHull3D& hull)
-{
-    std::vector<tVertexStructure*> out;
-    if (tVertexStructure* v = hull.GetVertices()) {
-        do {
-            out.push_back(v);
-            v = v->next;
-        } while (v != hull.GetVertices());
-    }
-    return out;
-}
-
-std::vector<tFaceStructure*> Faces(const CHConvexHull3D& hull)
-{
-    std::vector<tFaceStructure*> out;
-    if (tFaceStructure* f = hull.GetFaces()) {
-        do {
-            out.push_back(f);
-            f = f->next;
-        } while (f != hull.GetFaces());
-    }
-    return out;
-}
 
 Coord At(const tVertexStructure* v) { return {v->x, v->y, v->z}; }
 
@@ -310,4 +291,171 @@ TEST(Hull3D, MatchesCgalHullOnRandomPoints)
         EXPECT_EQ(hull.GetNumVertices(), (int)mesh.number_of_vertices());
         EXPECT_TRUE(hull.Checks());
     }
+}
+
+// --- the conflict-graph construction against the plain scans of every face and edge ---------
+
+#include "qzsse/geometry/CH2DDelaunay.h"
+
+namespace {
+
+template <class Base>
+struct FullScan : Base {
+    FullScan() { this->m_bFullScan = true; }
+};
+
+template <class T>
+int PositionIn(const T* head, const T* p)
+{
+    if (!p)
+        return -1;
+    int i = 0;
+    for (const T* q = head;; q = q->next, ++i) {
+        if (q == p)
+            return i;
+        if (q->next == head)
+            return -2; // not in the list: a dangling link
+    }
+}
+
+// Every list in order with every field, links written as list positions.
+std::vector<long long> Snapshot(const CHConvexHull3D& hull)
+{
+    std::vector<long long> out{hull.GetNumVertices(), hull.GetNumEdges(), hull.GetNumFaces()};
+    const tVertexStructure* vh = hull.GetVertices();
+    const tEdgeStructure* eh = hull.GetEdges();
+    const tFaceStructure* fh = hull.GetFaces();
+    if (vh)
+        for (const tVertexStructure* v = vh;;) {
+            out.insert(out.end(), {v->x, v->y, v->z, v->iIndex, v->bOnHull, v->bProcessed, v->bFlag,
+                                   PositionIn(eh, v->duplicate), v->prev == vh->prev ? 1 : 0});
+            if ((v = v->next) == vh)
+                break;
+        }
+    if (eh)
+        for (const tEdgeStructure* e = eh;;) {
+            out.insert(out.end(), {PositionIn(vh, e->endpts[0]), PositionIn(vh, e->endpts[1]),
+                                   PositionIn(fh, e->adjface[0]), PositionIn(fh, e->adjface[1]),
+                                   PositionIn(fh, e->newface), e->bDelete});
+            if ((e = e->next) == eh)
+                break;
+        }
+    if (fh)
+        for (const tFaceStructure* f = fh;;) {
+            for (int i = 0; i < 3; ++i)
+                out.insert(out.end(), {PositionIn(vh, f->vertex[i]), PositionIn(eh, f->edge[i])});
+            out.insert(out.end(), {f->bVisible, f->bLowerFace});
+            if ((f = f->next) == fh)
+                break;
+        }
+    return out;
+}
+
+// Builds both ways; a degenerate set must throw both ways.
+template <class Fast, class Slow, class Fill, class Build>
+void ExpectSameBothWays(Fill fill, Build build, const char* what, int trial)
+{
+    Fast fast;
+    Slow slow;
+    fill(fast);
+    fill(slow);
+    bool fastThrew = false, slowThrew = false;
+    try {
+        build(fast);
+    } catch (const CHDegenerateHullException&) {
+        fastThrew = true;
+    }
+    try {
+        build(slow);
+    } catch (const CHDegenerateHullException&) {
+        slowThrew = true;
+    }
+    ASSERT_EQ(fastThrew, slowThrew) << what << ' ' << trial;
+    if (!fastThrew) {
+        const auto expected = Snapshot(slow);
+        ASSERT_GT(expected.size(), 3u);
+        ASSERT_EQ(Snapshot(fast), expected) << what << ' ' << trial;
+    }
+}
+
+} // namespace
+
+TEST(Hull3DConflicts, ListsAndFieldsEqualThoseOfTheFullScansIn3D)
+{
+    std::mt19937 rng(4242);
+    const auto calc = [](CHConvexHull3D& h) { h.CalcConvexHull(); };
+    for (int trial = 0; trial < 128; ++trial) {
+        // Small ranges put many points on shared planes and lines; large ones are generic.
+        const int range = std::array<int, 4>{3, 8, 60, 1 << 20}[trial % 4];
+        const int n = 4 + int(rng() % (trial % 16 == 3 || trial % 16 == 6 ? 800 : 200));
+        std::uniform_int_distribution<int> coord(0, range);
+        std::vector<std::array<float, 3>> pts(n);
+        for (auto& p : pts)
+            p = {float(coord(rng)), float(coord(rng)), float(coord(rng))};
+        if (trial % 5 == 1) // points on a sphere-like shell: most stay on the hull
+            for (auto& p : pts) {
+                const float t = float(rng() % 6283) / 1000.0f, u = float(rng() % 3141) / 1000.0f;
+                p = {std::round(500 + 400 * std::cos(t) * std::sin(u)), std::round(500 + 400 * std::sin(t) * std::sin(u)),
+                     std::round(500 + 400 * std::cos(u))};
+            }
+        ExpectSameBothWays<CHConvexHull3D, FullScan<CHConvexHull3D>>(
+            [&](CHConvexHull3D& h) {
+                for (const auto& p : pts)
+                    h.AppendVertex3D(p[0], p[1], p[2], 1.0f);
+            },
+            calc, "3-D", trial);
+    }
+    // The cube's lattice: every point on a plane with many others, the inner ones hidden.
+    ExpectSameBothWays<CHConvexHull3D, FullScan<CHConvexHull3D>>(
+        [](CHConvexHull3D& h) {
+            for (int i = 0; i < 125; ++i)
+                h.AppendVertex3D(float(i % 5), float(i / 5 % 5), float(i / 25), 1.0f);
+        },
+        calc, "lattice", 0);
+}
+
+TEST(Hull3DConflicts, DelaunayListsEqualThoseOfTheFullScans)
+{
+    std::mt19937 rng(99);
+    const auto calc = [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); };
+    for (int trial = 0; trial < 80; ++trial) {
+        const int n = 3 + int(rng() % (trial % 20 == 0 ? 1200 : 250));
+        // Coarse grids make many cocircular quadruples and duplicates (merged on append).
+        const float step = std::array<float, 4>{0.1f, 0.5f, 1.0f, 0.37f}[trial % 4];
+        const int cells = std::array<int, 3>{5, 30, 2000}[trial % 3];
+        std::vector<std::pair<float, float>> pts(n);
+        for (auto& p : pts)
+            p = {step * float(rng() % cells), step * float(rng() % cells)};
+        ExpectSameBothWays<CH2DDelaunay, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (int i = 0; i < n; ++i)
+                    d.AppendVertex(pts[i].first, pts[i].second, trial % 2 ? i : -1, i % 3 == 0);
+            },
+            calc, "Delaunay", trial);
+    }
+    // A full square grid: every grid square is a cocircular quadruple.
+    ExpectSameBothWays<CH2DDelaunay, FullScan<CH2DDelaunay>>(
+        [](CH2DDelaunay& d) {
+            for (int i = 0; i < 400; ++i)
+                d.AppendVertex(float(i % 20), float(i / 20), -1, false);
+        },
+        calc, "grid", 0);
+}
+
+// The duplicate test must follow the list as construction removes vertices and moves the head.
+TEST(Hull3DInput, DuplicateTestFollowsTheListAfterConstruction)
+{
+    CHConvexHull3D hull;
+    for (int i = 0; i < 8; ++i)
+        hull.AppendVertex3D(float(i & 1) * 4, float((i >> 1) & 1) * 4, float((i >> 2) & 1) * 4, 1.0f);
+    hull.AppendVertex3D(2, 2, 2, 1.0f); // inside: freed by the construction
+    hull.CalcConvexHull();
+    ASSERT_EQ(hull.CalcNumVertices(), 8);
+    hull.AppendVertex3D(4, 4, 4, 1.0f); // a hull corner: still there
+    EXPECT_EQ(hull.CalcNumVertices(), 8);
+    hull.AppendVertex3D(2, 2, 2, 1.0f); // the freed point: gone, so added again
+    EXPECT_EQ(hull.CalcNumVertices(), 9);
+    EXPECT_EQ(At(hull.GetVertices()->prev), (Coord{2, 2, 2}));
+    hull.AppendVertex3D(2, 2, 2, 1.0f);
+    EXPECT_EQ(hull.CalcNumVertices(), 9);
 }

@@ -11,25 +11,16 @@
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
 #include <CGAL/Triangulation_vertex_base_with_info_2.h>
 
+#include "geometry/HullTestUtil.h"
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/mesh/CHTriangulation.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
 namespace {
 
-using Index3 = std::array<int, 3>;
+using qzsse::test::Faces;
 
-std::vector<tFaceStructure*> Faces(const CHConvexHull3D& hull)
-{
-    std::vector<tFaceStructure*> out;
-    if (tFaceStructure* f = hull.GetFaces()) {
-        do {
-            out.push_back(f);
-            f = f->next;
-        } while (f != hull.GetFaces());
-    }
-    return out;
-}
+using Index3 = std::array<int, 3>;
 
 Index3 SortedIndices(const tFaceStructure* f)
 {
