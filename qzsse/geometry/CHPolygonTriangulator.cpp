@@ -94,8 +94,6 @@ void CHPolygonTriangulator::Create2DPolygonFrom3DPolygon()
 
 namespace qzsse::detail {
 
-thread_local bool g_bDirectEarClipping = false;
-
 namespace {
 
 constexpr float c_fEdgeScanTolerance = 0.0005f;

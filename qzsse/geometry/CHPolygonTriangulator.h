@@ -27,8 +27,10 @@ struct PolygonTriangle {
 struct EdgeScanRing;
 
 // Test switch (per thread): when set, Diagonalie scans every edge with Intersect and the ear
-// search walks the ring, the direct forms the faster ones are checked against.
-extern thread_local bool g_bDirectEarClipping;
+// search walks the ring, the direct forms the faster ones are checked against. Defined
+// inline and constant-initialised, so no thread-local wrapper call stands between a test and
+// the flag.
+inline thread_local bool g_bDirectEarClipping = false;
 
 }  // namespace qzsse::detail
 
