@@ -14,6 +14,7 @@
 #include <png.h>
 #include <tiffio.h>
 
+#include "demo/PngErrors.h"
 #include "support/NpyReader.h"
 
 namespace qzsse::demo {
@@ -121,23 +122,6 @@ HeightImage loadNpy(const fs::path& path)
 }
 
 // --- PNG --------------------------------------------------------------------------------------
-
-struct PngErrorState {
-    char message[256] = {};
-};
-
-[[noreturn]] void pngError(png_structp png, png_const_charp message)
-{
-    auto* state = static_cast<PngErrorState*>(png_get_error_ptr(png));
-    std::snprintf(state->message, sizeof state->message, "%s", message);
-    png_longjmp(png, 1);
-}
-
-void pngWarning(png_structp, png_const_charp) {}
-
-struct FileCloser {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
 
 // Everything that lives across setjmp is created before it, so a longjmp out of libpng
 // skips no destructor.

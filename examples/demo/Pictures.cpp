@@ -11,6 +11,8 @@
 
 #include <png.h>
 
+#include "demo/PngErrors.h"
+
 namespace qzsse::demo {
 
 int PictureZoom(int width, int height)
@@ -140,34 +142,13 @@ void Picture::DrawDot(float x, float y, Rgb colour, float radius)
         }
 }
 
-namespace {
-
-struct PngWriteErrors {
-    char message[256] = {};
-};
-
-[[noreturn]] void pngWriteError(png_structp png, png_const_charp message)
-{
-    auto* errors = static_cast<PngWriteErrors*>(png_get_error_ptr(png));
-    std::snprintf(errors->message, sizeof errors->message, "%s", message);
-    png_longjmp(png, 1);
-}
-
-void pngWriteWarning(png_structp, png_const_charp) {}
-
-struct FileCloser {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
-
-} // namespace
-
 void Picture::WritePng(const std::filesystem::path& path) const
 {
     std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "wb"));
     if (!file)
         throw std::runtime_error("cannot create " + path.string());
-    PngWriteErrors errors;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &errors, pngWriteError, pngWriteWarning);
+    PngErrorState errors;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &errors, pngError, pngWarning);
     if (!png)
         throw std::bad_alloc();
     png_infop info = png_create_info_struct(png);
