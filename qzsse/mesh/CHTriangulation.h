@@ -40,7 +40,8 @@ struct t_stretch {
 // independent mesh use the pointer constructor or CopyFromHTriangulation.
 class CHTriangulation : public RbReferenceCounted {
 public:
-    // Leaves every field unset: BaseInitialization must run before anything else.
+    // An empty object with null fields (safe to destroy); BaseInitialization must run before
+    // anything else.
     CHTriangulation();
     // Deep copy of source, with its scales.
     explicit CHTriangulation(CHTriangulation* source);
@@ -65,7 +66,9 @@ public:
     CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top, float scaleX, float scaleY, float scaleZ,
                     int stepX, int stepY, int minX, int minY, int maxX, int maxY);
     // The lower faces of a computed Delaunay triangulation, one record per face in face-list
-    // order, corners at the vertices' grid coordinates divided by 10 (GetVertexFromFace).
+    // order, corners at the vertices' grid coordinates divided by 10 (GetVertexFromFace). The
+    // scales are stored as the mesh's scales, not applied to the corners; all three vertex
+    // normals are the unit face normal (zero for a face without area).
     CHTriangulation(CH2DDelaunay* delaunay, float scaleX, float scaleY, float scaleZ);
 
     CHTriangulation(const CHTriangulation& other) = default;
