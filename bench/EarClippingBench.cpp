@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "InputCache.h"
 #include "qzsse/geometry/CHPolygonTriangulator.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 
@@ -41,20 +42,10 @@ struct Star {
     }
 };
 
-Star& star(int n)
-{
-    static std::vector<std::pair<int, Star*>> cache;
-    for (auto& [size, s] : cache)
-        if (size == n)
-            return *s;
-    cache.emplace_back(n, new Star(n));
-    return *cache.back().second;
-}
-
 void BM_EarClipping(benchmark::State& state)
 {
     const int n = static_cast<int>(state.range(0));
-    Star& s = star(n);
+    Star& s = CachedInput<Star>(n);
     for (auto _ : state) {
         CHPolygonTriangulator triangulator(&s.polygon, 1, 1.0f, 1.0f, false);
         benchmark::DoNotOptimize(triangulator.GetNumTriangles());
@@ -69,7 +60,7 @@ void BM_CgalConstrainedDelaunay(benchmark::State& state)
     using K = CGAL::Exact_predicates_inexact_constructions_kernel;
     using CDT = CGAL::Constrained_Delaunay_triangulation_2<K>;
     const int n = static_cast<int>(state.range(0));
-    Star& s = star(n);
+    Star& s = CachedInput<Star>(n);
     std::vector<K::Point_2> points;
     for (int i = 0; i < n; ++i)
         points.emplace_back(s.x[static_cast<size_t>(i)], s.y[static_cast<size_t>(i)]);

@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "InputCache.h"
 #include "qzsse/geometry/CHConvexHull2D.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
@@ -34,20 +35,10 @@ struct Cloud {
     }
 };
 
-Cloud& cloud(int n)
-{
-    static std::vector<std::pair<int, Cloud*>> cache;
-    for (auto& [size, c] : cache)
-        if (size == n)
-            return *c;
-    cache.emplace_back(n, new Cloud(n));
-    return *cache.back().second;
-}
-
 void BM_ConvexHull2D(benchmark::State& state)
 {
     const int n = static_cast<int>(state.range(0));
-    Cloud& c = cloud(n);
+    Cloud& c = CachedInput<Cloud>(n);
     for (auto _ : state) {
         CHConvexHull2D hull(&c.polygon);
         CSSE2dPolygon out;
@@ -63,7 +54,7 @@ void BM_CgalConvexHull2(benchmark::State& state)
 {
     using K = CGAL::Exact_predicates_inexact_constructions_kernel;
     const int n = static_cast<int>(state.range(0));
-    Cloud& c = cloud(n);
+    Cloud& c = CachedInput<Cloud>(n);
     std::vector<K::Point_2> points;
     for (int i = 0; i < n; ++i)
         points.emplace_back(c.x[static_cast<size_t>(i)], c.y[static_cast<size_t>(i)]);

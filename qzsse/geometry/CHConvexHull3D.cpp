@@ -9,6 +9,24 @@
 
 namespace qzsse::detail {
 
+// Deletes the records of a circular list that `doomed` selects. The head goes first while it
+// is one of them, so the head ends on the first survivor (or null) and the others keep their
+// order.
+template <class Record, class Doomed, class Remove>
+void DeleteFromCircularList(Record*& head, Doomed doomed, Remove remove)
+{
+    while (head && doomed(head))
+        remove(head);
+    if (!head)
+        return;
+    for (Record* r = head->next; r != head;) {
+        Record* next = r->next;
+        if (doomed(r))
+            remove(r);
+        r = next;
+    }
+}
+
 // New records go in front of the head, which puts them at the end of the cycle.
 template <class T>
 void LinkBeforeHead(T*& head, T* p)
@@ -557,38 +575,14 @@ void CHConvexHull3D::CleanEdges()
         e = e->next;
     } while (e != m_pEdges);
 
-    while (m_pEdges && m_pEdges->bDelete)
-        DeleteEdge(m_pEdges);
-    if (!m_pEdges)
-        return;
-    e = m_pEdges->next;
-    do {
-        if (e->bDelete) {
-            tEdgeStructure* t = e;
-            e = e->next;
-            DeleteEdge(t);
-        } else {
-            e = e->next;
-        }
-    } while (e != m_pEdges);
+    qzsse::detail::DeleteFromCircularList(m_pEdges, [](const tEdgeStructure* x) { return x->bDelete; },
+                                          [this](tEdgeStructure* x) { DeleteEdge(x); });
 }
 
 void CHConvexHull3D::CleanFaces()
 {
-    while (m_pFaces && m_pFaces->bVisible)
-        DeleteFace(m_pFaces);
-    if (!m_pFaces)
-        return;
-    tFaceStructure* f = m_pFaces->next;
-    do {
-        if (f->bVisible) {
-            tFaceStructure* t = f;
-            f = f->next;
-            DeleteFace(t);
-        } else {
-            f = f->next;
-        }
-    } while (f != m_pFaces);
+    qzsse::detail::DeleteFromCircularList(m_pFaces, [](const tFaceStructure* x) { return x->bVisible; },
+                                          [this](tFaceStructure* x) { DeleteFace(x); });
 }
 
 void CHConvexHull3D::CleanVertices(tVertexStructure** nextVertex)
@@ -599,26 +593,16 @@ void CHConvexHull3D::CleanVertices(tVertexStructure** nextVertex)
         e = e->next;
     } while (e != m_pEdges);
 
-    while (m_pVertices && m_pVertices->bProcessed && !m_pVertices->bOnHull) {
-        tVertexStructure* v = m_pVertices;
-        if (v == *nextVertex)
-            *nextVertex = v->next;
-        DeleteVertex(v);
-    }
-    tVertexStructure* v = m_pVertices->next;
-    do {
-        if (v->bProcessed && !v->bOnHull) {
-            tVertexStructure* t = v;
-            v = v->next;
-            if (t == *nextVertex)
-                *nextVertex = t->next;
-            DeleteVertex(t);
-        } else {
-            v = v->next;
-        }
-    } while (v != m_pVertices);
+    // The construction walk must not land on a vertex freed here.
+    qzsse::detail::DeleteFromCircularList(
+        m_pVertices, [](const tVertexStructure* x) { return x->bProcessed && !x->bOnHull; },
+        [this, nextVertex](tVertexStructure* x) {
+            if (x == *nextVertex)
+                *nextVertex = x->next;
+            DeleteVertex(x);
+        });
 
-    v = m_pVertices;
+    tVertexStructure* v = m_pVertices;
     do {
         v->duplicate = nullptr;
         v->bOnHull = false;

@@ -210,6 +210,8 @@ public:
     float GetScaleZ() const { return m_fScaleZ; }
 
 protected:
+    void FinishMatrixMesh();
+
     SSEPoint* m_pEdgeArray;
     SSEPoint* m_pNormalArray;
     SSEPoint* m_pMainNormalArray;

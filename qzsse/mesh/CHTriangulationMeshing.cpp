@@ -263,16 +263,23 @@ using namespace qzsse::detail;
 
 // --- constructors ----------------------------------------------------------------------------
 
+// Every matrix constructor ends with the bounding box and the per-triangle differences,
+// unless the matrix gave no record.
+void CHTriangulation::FinishMatrixMesh()
+{
+    if (m_iNumTriangles > 0) {
+        CalcBoundingBox();
+        CalcSTV();
+    }
+}
+
 CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY,
                                  float scaleZ)
     : CHTriangulation()
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEField(matrix, threshold, top);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY,
@@ -281,10 +288,7 @@ CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, 
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEFieldSubSampled(matrix, threshold, top, stepX, stepY);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY,
@@ -293,10 +297,7 @@ CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, 
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEFieldSubSampled(matrix, threshold, top, stepX, stepY, polygon);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, float scaleX, float scaleY,
@@ -306,10 +307,7 @@ CHTriangulation::CHTriangulation(CSSEMatrix* matrix, float threshold, bool top, 
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEFieldSubSampled(matrix, threshold, top, stepX, stepY, minX, minY, maxX, maxY, fill);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 CHTriangulation::CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top, float scaleX, float scaleY,
@@ -318,10 +316,7 @@ CHTriangulation::CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top,
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEFieldSubSampledTwoFields(upper, lower, top, stepX, stepY);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 CHTriangulation::CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top, float scaleX, float scaleY,
@@ -330,10 +325,7 @@ CHTriangulation::CHTriangulation(CSSEMatrix* upper, CSSEMatrix* lower, bool top,
 {
     BaseInitialization(scaleX, scaleY, scaleZ);
     CreateTriangulationFromSSEFieldSubSampledTwoFields(upper, lower, top, stepX, stepY, minX, minY, maxX, maxY);
-    if (m_iNumTriangles > 0) {
-        CalcBoundingBox();
-        CalcSTV();
-    }
+    FinishMatrixMesh();
 }
 
 // --- cell emitter ------------------------------------------------------------------------------
