@@ -2,7 +2,9 @@
 # Installs, with apt-get, whatever of the build and test dependencies is missing
 # (pngcheck and libtiff-tools are the tests' independent decoders of the image payloads,
 # Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer,
-# CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer).
+# CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer,
+# OpenCV (with its contrib modules, for thinning) the matrix filters' oracle and benchmark peer,
+# clang the second compiler CI builds with).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -23,6 +25,10 @@ packages=(
   libboost-dev
   liblerc-dev
   libcgal-dev
+  libopencv-dev
+  libopencv-contrib-dev
+  clang-14
+  libclang-rt-14-dev
 )
 
 missing=()
