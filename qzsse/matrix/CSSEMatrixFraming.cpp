@@ -109,7 +109,7 @@ void CSSEMatrix::ExtractFrame_nonSSE(const CSSEMatrix& src, int x0, int y0, int 
     const int yTo = std::clamp(srcH - y0, yFrom, sizeY);
     if (xFrom > 0 || xTo < sizeX || yFrom > 0 || yTo < sizeY)
         Clear();
-    if (xFrom < xTo && (y0 & 3) == 0) {
+    if (xFrom < xTo && yFrom < yTo && (y0 & 3) == 0) {
         for (int j = yFrom >> 2; 4 * j < yTo; ++j) {
             float* d = reinterpret_cast<float*>(out.m_Data[j]) + 4 * xFrom;
             const float* s = reinterpret_cast<const float*>(src.m_Data[j + (y0 >> 2)]) + 4 * (xFrom + x0);
