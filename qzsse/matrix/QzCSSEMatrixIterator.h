@@ -127,9 +127,21 @@ inline QzCSSEMatrixIteratorBase<const float> end(const CSSEMatrix& m)
 
 namespace qzsse {
 
+namespace detail {
+// Vector types never appear as template arguments (their alignment attribute would be dropped).
+template <bool Const>
+struct BandVectorPointer {
+    using type = __m128*;
+};
+template <>
+struct BandVectorPointer<true> {
+    using type = const __m128*;
+};
+} // namespace detail
+
 // The band-wise vector walk of the library's own loops: every vector of every band, padding
-// rows included, band by band and column by column. V is __m128 or const __m128.
-template <class V>
+// rows included, band by band and column by column; Const gives const __m128 references.
+template <bool Const>
 class BandVectorRange {
 public:
     class iterator {
@@ -137,8 +149,8 @@ public:
         using iterator_category = std::forward_iterator_tag;
         using value_type = __m128;
         using difference_type = std::ptrdiff_t;
-        using pointer = V*;
-        using reference = V&;
+        using pointer = typename detail::BandVectorPointer<Const>::type;
+        using reference = decltype(*pointer());
 
         iterator() = default;
         iterator(__m128** data, int columns, int band, int x) : m_Data(data), m_Columns(columns), m_Band(band), m_X(x) {}
@@ -182,11 +194,11 @@ private:
     int m_Bands;
 };
 
-inline BandVectorRange<__m128> BandVectors(CSSEMatrix& m)
+inline BandVectorRange<false> BandVectors(CSSEMatrix& m)
 {
     return {m.GetMatrixDataDirectly(), m.GetSSESizeX(), m.GetSSESizeY()};
 }
-inline BandVectorRange<const __m128> BandVectors(const CSSEMatrix& m)
+inline BandVectorRange<true> BandVectors(const CSSEMatrix& m)
 {
     return {m.GetMatrixDataDirectly(), m.GetSSESizeX(), m.GetSSESizeY()};
 }
