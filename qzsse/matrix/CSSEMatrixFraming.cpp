@@ -63,26 +63,35 @@ void CSSEMatrix::EmbedMatrix(const CSSEMatrix& src, int left, int top, int right
     CSSEMatrix& out = *this;
     ensureSize(out, srcW + left + right, srcH + top + bottom);
     const __m128 border = _mm_set1_ps(borderValue);
-    for (int j = 0; j < out.m_SSESizeY; ++j) {
+    // Sizes in locals: a store through a vector pointer may alias anything.
+    const int outW = out.m_SizeX, outH = out.m_SizeY, outBands = out.m_SSESizeY, srcBands = src.m_SSESizeY;
+    __m128** srcData = src.m_Data;
+    for (int j = 0; j < outBands; ++j) {
         __m128* d = out.m_Data[j];
-        const __m128 real = realRowsMask(j, out.m_SizeY);
+        const __m128 real = realRowsMask(j, outH);
         const __m128 frame = _mm_and_ps(real, border);
         const int srcTop = 4 * j - top;
         const int band = srcTop >> 2, shift = srcTop & 3;
         const __m128 inside = _mm_and_ps(real, rowRangeMask(srcTop, 0, srcH - 1));
         int x = 0;
         if (_mm_movemask_ps(inside) != 0) {
-            const __m128* lo = band >= 0 && band < src.m_SSESizeY ? src.m_Data[band] : nullptr;
-            const __m128* hi = band + 1 >= 0 && band + 1 < src.m_SSESizeY ? src.m_Data[band + 1] : nullptr;
+            const __m128* lo = band >= 0 && band < srcBands ? srcData[band] : nullptr;
+            const __m128* hi = shift != 0 && band + 1 >= 0 && band + 1 < srcBands ? srcData[band + 1] : nullptr;
             for (; x < left; ++x)
                 d[x] = frame;
-            for (int sx = 0; sx < srcW; ++sx, ++x) {
-                const __m128 a = lo != nullptr ? lo[sx] : _mm_setzero_ps();
-                const __m128 b = hi != nullptr && shift != 0 ? hi[sx] : _mm_setzero_ps();
-                d[x] = select(inside, joinBands(a, b, shift), frame);
-            }
+            __m128* dm = d + left;
+            if (lo != nullptr && hi != nullptr)
+                for (int sx = 0; sx < srcW; ++sx)
+                    dm[sx] = select(inside, joinBands(lo[sx], hi[sx], shift), frame);
+            else if (lo != nullptr)
+                for (int sx = 0; sx < srcW; ++sx)
+                    dm[sx] = select(inside, joinBands(lo[sx], _mm_setzero_ps(), shift), frame);
+            else
+                for (int sx = 0; sx < srcW; ++sx)
+                    dm[sx] = select(inside, joinBands(_mm_setzero_ps(), hi[sx], shift), frame);
+            x += srcW;
         }
-        for (; x < out.m_SizeX; ++x)
+        for (; x < outW; ++x)
             d[x] = frame;
     }
 }
@@ -120,13 +129,33 @@ void CSSEMatrix::ExtractFrame_nonSSE(const CSSEMatrix& src, int x0, int y0, int 
                     for (int x = 0; x < xTo - xFrom; ++x)
                         d[4 * x + l] = 0.0f;
         }
-    } else {
-        for (int y = yFrom; y < yTo; ++y) {
-            const int sy = y + y0;
-            float* d = reinterpret_cast<float*>(out.m_Data[y >> 2]) + (y & 3);
-            const float* s = reinterpret_cast<const float*>(src.m_Data[sy >> 2]) + (sy & 3);
-            for (int x = xFrom; x < xTo; ++x)
-                d[4 * x] = s[4 * (x + x0)];
+    } else if (xFrom < xTo) {
+        // Band by band, each target vector written whole from the source rows of its lanes.
+        for (int j = yFrom >> 2; 4 * j < yTo; ++j) {
+            const float* s[4];
+            bool anyOutside = false;
+            for (int l = 0; l < 4; ++l) {
+                const int y = 4 * j + l, sy = y + y0;
+                const bool inside = y >= yFrom && y < yTo;
+                anyOutside |= !inside;
+                s[l] = reinterpret_cast<const float*>(src.m_Data[inside ? sy >> 2 : 0]) + (inside ? (sy & 3) : 0);
+            }
+            float* d = reinterpret_cast<float*>(out.m_Data[j]);
+            const int count = xTo - xFrom;
+            const float *s0 = s[0] + 4 * (xFrom + x0), *s1 = s[1] + 4 * (xFrom + x0);
+            const float *s2 = s[2] + 4 * (xFrom + x0), *s3 = s[3] + 4 * (xFrom + x0);
+            float* dx = d + 4 * xFrom;
+            for (int i = 0; i < count; ++i) {
+                dx[4 * i] = s0[4 * i];
+                dx[4 * i + 1] = s1[4 * i];
+                dx[4 * i + 2] = s2[4 * i];
+                dx[4 * i + 3] = s3[4 * i];
+            }
+            if (anyOutside) // lanes above the source or below its or the frame's last row
+                for (int l = 0; l < 4; ++l)
+                    if (4 * j + l < yFrom || 4 * j + l >= yTo)
+                        for (int i = 0; i < count; ++i)
+                            dx[4 * i + l] = 0.0f;
         }
     }
     clearPaddingRows(out);

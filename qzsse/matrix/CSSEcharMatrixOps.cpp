@@ -32,7 +32,8 @@ void CSSEcharMatrix::CreateFromMatrix(const CSSEMatrix& src, float threshold, bo
     const __m128* zeros = &zeroRow.data()->v;
     const __m128 t = _mm_set1_ps(threshold);
     const __m128i one = _mm_set1_epi8(1);
-    for (int j = 0; j < m_SSESizeY; ++j) {
+    const int bands = m_SSESizeY;
+    for (int j = 0; j < bands; ++j) {
         const __m128* f[4];
         for (int q = 0; q < 4; ++q)
             f[q] = 4 * j + q < src.GetSSESizeY() && w > 0 ? src.GetMatrixDataDirectly()[4 * j + q] : zeros;
@@ -89,16 +90,19 @@ void combine(CSSEcharMatrix& m, const CSSEcharMatrix& other, Op op)
     __m128i** odata = other.GetMatrixDataDirectly();
     const int ow = odata != nullptr ? std::min(other.GetSizeX(), m.GetSizeX()) : 0;
     const int oh = odata != nullptr ? other.GetSizeY() : 0;
+    // Sizes in locals: a store through a vector pointer may alias anything.
+    const int w = m.GetSizeX(), h = m.GetSizeY(), bands = m.GetSSESizeY();
     const __m128i one = _mm_set1_epi8(1);
-    for (int j = 0; j < m.GetSSESizeY(); ++j) {
-        const __m128i keep = _mm_and_si128(realByteRowsMask(j, m.GetSizeY()), one);
+    for (int j = 0; j < bands; ++j) {
+        const __m128i keep = _mm_and_si128(realByteRowsMask(j, h), one);
         const __m128i oreal = realByteRowsMask(j, oh);
         const int cols = 16 * j < oh ? ow : 0;
         __m128i* d = data[j];
+        const __m128i* o = cols > 0 ? odata[j] : nullptr;
         int x = 0;
         for (; x < cols; ++x)
-            d[x] = _mm_and_si128(op(setBytes(d[x]), _mm_and_si128(setBytes(odata[j][x]), oreal)), keep);
-        for (; x < m.GetSizeX(); ++x)
+            d[x] = _mm_and_si128(op(setBytes(d[x]), _mm_and_si128(setBytes(o[x]), oreal)), keep);
+        for (; x < w; ++x)
             d[x] = _mm_and_si128(op(setBytes(d[x]), _mm_setzero_si128()), keep);
     }
 }
@@ -119,32 +123,42 @@ void CSSEcharMatrix::LogicalNot()
 {
     if (m_Data == nullptr)
         return;
+    const int w = m_SizeX, h = m_SizeY, bands = m_SSESizeY;
     const __m128i one = _mm_set1_epi8(1);
-    for (int j = 0; j < m_SSESizeY; ++j) {
-        const __m128i keep = _mm_and_si128(realByteRowsMask(j, m_SizeY), one);
+    for (int j = 0; j < bands; ++j) {
+        const __m128i keep = _mm_and_si128(realByteRowsMask(j, h), one);
         __m128i* d = m_Data[j];
-        for (int x = 0; x < m_SizeX; ++x)
+        for (int x = 0; x < w; ++x)
             d[x] = _mm_and_si128(_mm_cmpeq_epi8(d[x], _mm_setzero_si128()), keep);
     }
 }
 
-// Byte counters take at most 255 columns before they are summed into 64-bit lanes.
+// Counts the empty bytes (each compare is -1, subtracted) and takes them from the real
+// pixels; only the last bands need the real-row mask. Byte counters take at most 255
+// columns before they are summed into 64-bit lanes.
 int CSSEcharMatrix::CountNonZero() const
 {
     if (m_Data == nullptr)
         return 0;
-    const __m128i one = _mm_set1_epi8(1);
+    const int w = m_SizeX, h = m_SizeY;
+    const __m128i zero = _mm_setzero_si128();
     __m128i total = _mm_setzero_si128();
-    for (int j = 0; j < m_SSESizeY; ++j) {
-        const __m128i keep = _mm_and_si128(realByteRowsMask(j, m_SizeY), one);
+    for (int j = 0; 16 * j < h; ++j) {
+        const bool full = 16 * (j + 1) <= h;
+        const __m128i real = realByteRowsMask(j, h);
         const __m128i* s = m_Data[j];
-        for (int x0 = 0; x0 < m_SizeX; x0 += 255) {
+        for (int x0 = 0; x0 < w; x0 += 255) {
             __m128i acc = _mm_setzero_si128();
-            const int x1 = std::min(x0 + 255, m_SizeX);
-            for (int x = x0; x < x1; ++x)
-                acc = _mm_add_epi8(acc, _mm_and_si128(setBytes(s[x]), keep));
-            total = _mm_add_epi64(total, _mm_sad_epu8(acc, _mm_setzero_si128()));
+            const int x1 = std::min(x0 + 255, w);
+            if (full)
+                for (int x = x0; x < x1; ++x)
+                    acc = _mm_sub_epi8(acc, _mm_cmpeq_epi8(s[x], zero));
+            else
+                for (int x = x0; x < x1; ++x)
+                    acc = _mm_sub_epi8(acc, _mm_and_si128(_mm_cmpeq_epi8(s[x], zero), real));
+            total = _mm_add_epi64(total, _mm_sad_epu8(acc, zero));
         }
     }
-    return _mm_cvtsi128_si32(total) + _mm_cvtsi128_si32(_mm_srli_si128(total, 8));
+    const long long empty = _mm_cvtsi128_si64(total) + _mm_cvtsi128_si64(_mm_srli_si128(total, 8));
+    return static_cast<int>(static_cast<long long>(w) * h - empty);
 }

@@ -90,8 +90,12 @@ TEST(MatrixScale, MatchesResize)
             const int h = std::uniform_int_distribution<int>(1, 40)(rng);
             const CSSEMatrix src = randomMatrix(rng, w, h, {}, false);
             std::uniform_int_distribution<int> size(1, 40);
-            const int dw = c.shrinkOnly ? std::uniform_int_distribution<int>(1, w)(rng) : size(rng);
-            const int dh = c.shrinkOnly ? std::uniform_int_distribution<int>(1, h)(rng) : size(rng);
+            int dw = c.shrinkOnly ? std::uniform_int_distribution<int>(1, w)(rng) : size(rng);
+            int dh = c.shrinkOnly ? std::uniform_int_distribution<int>(1, h)(rng) : size(rng);
+            if (i % 5 == 0 && w > 1 && h > 1) { // exact halving, a path of its own
+                dw = w / 2;
+                dh = h / 2;
+            }
             cv::Mat expected;
             cv::resize(toMat(src), expected, cv::Size(dw, dh), 0, 0, c.interpolation);
             CSSEMatrix out;
@@ -112,8 +116,9 @@ TEST(MatrixScale, NearestPicksOpenCvSourcePixel)
     for (int i = 0; i < 150; ++i) {
         const int w = std::uniform_int_distribution<int>(1, 40)(rng);
         const int h = std::uniform_int_distribution<int>(1, 40)(rng);
-        const int dw = std::uniform_int_distribution<int>(1, 40)(rng);
-        const int dh = std::uniform_int_distribution<int>(1, 40)(rng);
+        const bool halving = i % 5 == 0 && w > 1 && h > 1;
+        const int dw = halving ? w / 2 : std::uniform_int_distribution<int>(1, 40)(rng);
+        const int dh = halving ? h / 2 : std::uniform_int_distribution<int>(1, 40)(rng);
         const CSSEMatrix src = randomMatrix(rng, w, h);
         cv::Mat columns(h, w, CV_32F), rows(h, w, CV_32F);
         for (int y = 0; y < h; ++y)
