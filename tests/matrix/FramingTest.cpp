@@ -104,6 +104,16 @@ TEST(MatrixScale, MatchesResize)
                 << "mode " << static_cast<int>(c.mode) << ": " << w << " x " << h << " to " << dw << " x " << dh;
             ASSERT_TRUE(paddingRowsClear(out));
         }
+    // Strong shrinking: more than 64 source rows or columns per target pixel.
+    struct Strong { int w, h, dw, dh; };
+    for (const Strong& c : {Strong{300, 5, 2, 1}, Strong{3, 290, 2, 3}, Strong{1, 200, 1, 1}}) {
+        const CSSEMatrix src = randomMatrix(rng, c.w, c.h, {}, false);
+        cv::Mat expected;
+        cv::resize(toMat(src), expected, cv::Size(c.dw, c.dh), 0, 0, cv::INTER_AREA);
+        CSSEMatrix out;
+        out.ScaleMatrix(src, c.dw, c.dh, CSSEMatrix::ScaleMode::Area);
+        ASSERT_TRUE(sameImage(expected, out, 1e-5f)) << c.w << " x " << c.h;
+    }
 }
 
 // Nearest against OpenCV's centre-based nearest, through images of the column and row
