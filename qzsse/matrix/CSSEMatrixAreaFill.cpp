@@ -5,10 +5,8 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 
 namespace {
-constexpr float c_fFillTolerance = 0.002f;
-}
 
-namespace {
+constexpr float c_fFillTolerance = 0.002f;
 
 // Span fill. An entry asks to explore columns e1..e2 of row y, next to the filled run
 // parentL..parentR of row y - dy. Each fillable run met there is grown to both sides and
