@@ -213,13 +213,38 @@ void CSSEMatrix::ScaleMatrix(const CSSEMatrix& src, int sizeX, int sizeY, ScaleM
 
     const AxisTaps across = qzsse::detail::axisTaps(srcW, sizeX, mode);
     const AxisTaps down = qzsse::detail::axisTaps(srcH, sizeY, mode);
+    // Enough slots for every source band the four rows of one target band use.
     int slots = 1;
-    for (int y = 0; y < sizeY; ++y)
-        slots = std::max(slots, (down.index[down.first[y + 1] - 1] >> 2) - (down.index[down.first[y]] >> 2) + 1);
+    for (int y = 0; y < sizeY; y += 4) {
+        const int last = std::min(y + 3, sizeY - 1);
+        slots = std::max(slots, (down.index[down.first[last + 1] - 1] >> 2) - (down.index[down.first[y]] >> 2) + 1);
+    }
     qzsse::detail::RowBandCache rows(src, across, sizeX, slots);
 
     const float* r[64];
     for (int y = 0; y < sizeY; ++y) {
+        // A whole band of two-tap rows: one packed multiply per tap, the four lanes gathered
+        // from their rows (the same products and sum as lane by lane).
+        if ((y & 3) == 0 && y + 3 < sizeY && down.count(y) == 2 && down.count(y + 1) == 2 && down.count(y + 2) == 2
+            && down.count(y + 3) == 2) {
+            const int* i = down.index.data() + down.first[y];
+            const float* w = down.weight.data() + down.first[y];
+            const float* a[4];
+            const float* b[4];
+            for (int l = 0; l < 4; ++l) {
+                a[l] = rows.row(i[2 * l]);
+                b[l] = rows.row(i[2 * l + 1]);
+            }
+            const __m128 wa = _mm_setr_ps(w[0], w[2], w[4], w[6]), wb = _mm_setr_ps(w[1], w[3], w[5], w[7]);
+            __m128* d = m_Data[y >> 2];
+            for (int x = 0; x < sizeX; ++x) {
+                const __m128 va = _mm_setr_ps(a[0][4 * x], a[1][4 * x], a[2][4 * x], a[3][4 * x]);
+                const __m128 vb = _mm_setr_ps(b[0][4 * x], b[1][4 * x], b[2][4 * x], b[3][4 * x]);
+                d[x] = _mm_add_ps(_mm_mul_ps(va, wa), _mm_mul_ps(vb, wb));
+            }
+            y += 3;
+            continue;
+        }
         float* d = reinterpret_cast<float*>(m_Data[y >> 2]) + (y & 3);
         const int* i = down.index.data() + down.first[y];
         const float* w = down.weight.data() + down.first[y];
