@@ -223,6 +223,32 @@ public:
     void CalcDifferenceMatrixConstrained(CSSEMatrix& a, CSSEMatrix& b, bool onlyValidA, bool onlyValidB);
     // QZSSE-OPEN-MEMBERS-END
 
+    // --- framing, scaling, area fill and point search (CSSEMatrixFraming.cpp,
+    // CSSEMatrixScale.cpp, CSSEMatrixAreaFill.cpp) -------------------------------------------
+    // Resampling rules of ScaleMatrix.
+    enum class ScaleMode { Nearest, Bilinear, Area };
+    // This becomes src framed by left/top/right/bottom columns and rows of borderValue, src's
+    // pixel (0, 0) landing at (left, top); negative margins are taken as 0. Padding rows are 0.
+    void EmbedMatrix(const CSSEMatrix& src, int left, int top, int right, int bottom, float borderValue = 0.0f);
+    // This becomes sizeX x sizeY (negative taken as 0) holding src(x0 + x, y0 + y); pixels that
+    // fall outside src are 0, the empty pixel. Padding rows are 0.
+    void ExtractFrame_nonSSE(const CSSEMatrix& src, int x0, int y0, int sizeX, int sizeY);
+    // This becomes sizeX x sizeY resampled from src (which must not be this). Pixel centres map
+    // as s = (d + 0.5) * srcSize / size - 0.5 per axis. Nearest takes the source pixel whose
+    // centre span holds the point, trunc((2d + 1) * srcSize / (2 * size)) in integers.
+    // Bilinear weighs the two source pixels around s (beyond the outer centres the outer pixel
+    // alone), first along rows, then along columns. Area averages the source pixels the
+    // target pixel covers, weighted by the covered fraction, where an axis shrinks; an axis
+    // that grows is resampled bilinearly. 0.0 and NaN are ordinary values. Padding rows are 0.
+    void ScaleMatrix(const CSSEMatrix& src, int sizeX, int sizeY, ScaleMode mode);
+    // Flood fill from the seed (clamped into the image): the seed and every pixel connected
+    // to it (4- or 8-connected) whose value v satisfies s - 0.002 <= v <= s + 0.002 for the
+    // seed's old value s become value. Returns the number of pixels written (0 without pixels).
+    int FillArea(int seedX, int seedY, float value, bool eightConnected);
+    // First real pixel in row order (y, then x) with p > threshold (above) or p < threshold
+    // (!above); NaN never qualifies. Without one, returns false and sets x = y = -1.
+    bool FindFirstPoint(int& x, int& y, float threshold, bool above) const;
+
     // --- persistence: the versioned matrix stream, its archive form and files
     // (defined in qzsse/storage/) -------------------------------------------------------------
     static constexpr unsigned int c_uiStreamVersion = 4;
