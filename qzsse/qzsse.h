@@ -30,6 +30,7 @@
 #include "qzsse/matrix/CImgFromToArray.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
+#include "qzsse/matrix/QzCSSEMatrixIterator.h"
 
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
 
