@@ -70,10 +70,12 @@ struct Column3 {
     __m128 lo, md, hi, nan;
 };
 
+template <bool NaN>
 inline Column3 column3(const __m128* above, const __m128* own, const __m128* below, int x)
 {
     Column3 c{rowsFrom<3>(above[x], own[x]), own[x], rowsFrom<1>(own[x], below[x]), _mm_setzero_ps()};
-    c.nan = _mm_or_ps(anyNaN(c.lo, c.md), anyNaN(c.hi, c.hi));
+    if constexpr (NaN)
+        c.nan = _mm_or_ps(anyNaN(c.lo, c.md), anyNaN(c.hi, c.hi));
     cex(c.lo, c.md);
     cex(c.md, c.hi);
     cex(c.lo, c.md);
@@ -85,17 +87,20 @@ inline __m128 median3(__m128 a, __m128 b, __m128 c)
     return _mm_max_ps(_mm_min_ps(a, b), _mm_min_ps(_mm_max_ps(a, b), c));
 }
 
+template <bool NaN>
 void median3x3Band(const __m128* above, const __m128* own, const __m128* below, __m128* out, int w)
 {
-    Column3 prev = column3(above, own, below, 0);
+    Column3 prev = column3<NaN>(above, own, below, 0);
     Column3 cur = prev;
     for (int x = 0; x < w; ++x) {
-        const Column3 next = column3(above, own, below, std::min(x + 1, w - 1));
+        const Column3 next = column3<NaN>(above, own, below, std::min(x + 1, w - 1));
         const __m128 lo = _mm_max_ps(_mm_max_ps(prev.lo, cur.lo), next.lo);
         const __m128 hi = _mm_min_ps(_mm_min_ps(prev.hi, cur.hi), next.hi);
         const __m128 md = median3(prev.md, cur.md, next.md);
-        const __m128 nan = _mm_or_ps(_mm_or_ps(prev.nan, cur.nan), next.nan);
-        out[x] = _mm_or_ps(median3(lo, md, hi), nan);
+        __m128 m = median3(lo, md, hi);
+        if constexpr (NaN)
+            m = _mm_or_ps(m, _mm_or_ps(_mm_or_ps(prev.nan, cur.nan), next.nan));
+        out[x] = m;
         prev = cur;
         cur = next;
     }
@@ -249,6 +254,7 @@ struct Pair5 {
     __m128 nan;
 };
 
+template <bool NaN>
 inline void column5(const __m128* above, const __m128* own, const __m128* below, int x, Column5& c)
 {
     c.v[0] = rowsFrom<2>(above[x], own[x]);
@@ -256,16 +262,20 @@ inline void column5(const __m128* above, const __m128* own, const __m128* below,
     c.v[2] = own[x];
     c.v[3] = rowsFrom<1>(own[x], below[x]);
     c.v[4] = rowsFrom<2>(own[x], below[x]);
-    c.nan = _mm_or_ps(_mm_or_ps(anyNaN(c.v[0], c.v[1]), anyNaN(c.v[2], c.v[3])), anyNaN(c.v[4], c.v[4]));
+    if constexpr (NaN)
+        c.nan = _mm_or_ps(_mm_or_ps(anyNaN(c.v[0], c.v[1]), anyNaN(c.v[2], c.v[3])), anyNaN(c.v[4], c.v[4]));
     sortColumn5(c.v);
 }
 
+template <bool NaN>
 inline void pair5(const Column5& a, const Column5& b, Pair5& p)
 {
     mergeColumns5(a.v, b.v, p.v);
-    p.nan = _mm_or_ps(a.nan, b.nan);
+    if constexpr (NaN)
+        p.nan = _mm_or_ps(a.nan, b.nan);
 }
 
+template <bool NaN>
 void median5x5Band(const __m128* above, const __m128* own, const __m128* below, __m128* out, int w)
 {
     // Rings indexed by column & 3: columns e .. e + 2 and pairs e - 2 .. e are live.
@@ -274,28 +284,39 @@ void median5x5Band(const __m128* above, const __m128* own, const __m128* below, 
     auto col = [&](int e) -> Column5& { return cols[e & 3]; };
     auto pair = [&](int e) -> Pair5& { return pairs[e & 3]; };
     for (int e = -2; e <= 1; ++e)
-        column5(above, own, below, clampInto(e, 0, w - 1), col(e));
-    pair5(col(-2), col(-1), pair(-2));
-    pair5(col(-1), col(0), pair(-1));
+        column5<NaN>(above, own, below, clampInto(e, 0, w - 1), col(e));
+    pair5<NaN>(col(-2), col(-1), pair(-2));
+    pair5<NaN>(col(-1), col(0), pair(-1));
     for (int x = 0; x < w; ++x) {
-        column5(above, own, below, std::min(x + 2, w - 1), col(x + 2));
-        pair5(col(x), col(x + 1), pair(x));
+        column5<NaN>(above, own, below, std::min(x + 2, w - 1), col(x + 2));
+        pair5<NaN>(col(x), col(x + 1), pair(x));
         const Pair5& left = pair(x - 2);
         const Pair5& right = pair(x);
         const Column5& last = col(x + 2);
-        const __m128 nan = _mm_or_ps(_mm_or_ps(left.nan, right.nan), last.nan);
-        out[x] = _mm_or_ps(median25(left.v, right.v, last.v), nan);
+        __m128 m = median25(left.v, right.v, last.v);
+        if constexpr (NaN)
+            m = _mm_or_ps(m, _mm_or_ps(_mm_or_ps(left.nan, right.nan), last.nan));
+        out[x] = m;
     }
 }
 
-template <class BandFilter>
-void filterBands(const CSSEMatrix& src, CSSEMatrix& dst, BandFilter filterBand)
+bool holdsNaN(const __m128* band, int w)
+{
+    __m128 nan = _mm_setzero_ps();
+    for (int x = 0; x < w; ++x)
+        nan = _mm_or_ps(nan, _mm_cmpunord_ps(band[x], band[x]));
+    return _mm_movemask_ps(nan) != 0;
+}
+
+// Bands whose boxes reach no NaN take the filter without the NaN bookkeeping.
+template <class BandFilter, class BandFilterNaN>
+void filterBands(const CSSEMatrix& src, CSSEMatrix& dst, BandFilter filterBand, BandFilterNaN filterBandNaN)
 {
     if (src.GetMatrixDataDirectly() == nullptr || src.GetSizeX() < 1 || src.GetSizeY() < 1)
         return;
     if (&src == &dst) {
         CSSEMatrix copy(src);
-        filterBands(copy, dst, filterBand);
+        filterBands(copy, dst, filterBand, filterBandNaN);
         return;
     }
     if (dst.GetMatrixDataDirectly() == nullptr || dst.GetSizeX() != src.GetSizeX() ||
@@ -304,8 +325,17 @@ void filterBands(const CSSEMatrix& src, CSSEMatrix& dst, BandFilter filterBand)
     const ClampedBands bands(src);
     const int w = src.GetSSESizeX();
     const int last = src.GetSSESizeY() - 1;
-    for (int j = 0; j <= last; ++j)
-        filterBand(bands.band(j - 1), bands.band(j), bands.band(j + 1), dst.GetMatrixDataDirectly()[j], w);
+    // nan[k + 1]: band k (the clamped ones included) holds a NaN
+    std::vector<char> nan(static_cast<size_t>(last) + 3, 0);
+    nan[0] = holdsNaN(bands.band(-1), w);
+    nan[1] = holdsNaN(bands.band(0), w);
+    for (int j = 0; j <= last; ++j) {
+        const size_t k = static_cast<size_t>(j);
+        nan[k + 2] = holdsNaN(bands.band(j + 1), w);
+        const bool reached = nan[k] || nan[k + 1] || nan[k + 2];
+        (reached ? filterBandNaN : filterBand)(bands.band(j - 1), bands.band(j), bands.band(j + 1),
+                                               dst.GetMatrixDataDirectly()[j], w);
+    }
     const __m128 real = qzsse::detail::realRowsMask(last, src.GetSizeY());
     __m128* out = dst.GetMatrixDataDirectly()[last];
     for (int x = 0; x < w; ++x)
@@ -316,10 +346,10 @@ void filterBands(const CSSEMatrix& src, CSSEMatrix& dst, BandFilter filterBand)
 
 void CFilters::Median3x3(const CSSEMatrix& src, CSSEMatrix& dst)
 {
-    filterBands(src, dst, median3x3Band);
+    filterBands(src, dst, median3x3Band<false>, median3x3Band<true>);
 }
 
 void CFilters::Median5x5(const CSSEMatrix& src, CSSEMatrix& dst)
 {
-    filterBands(src, dst, median5x5Band);
+    filterBands(src, dst, median5x5Band<false>, median5x5Band<true>);
 }
