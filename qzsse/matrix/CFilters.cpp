@@ -17,6 +17,7 @@
 #include "qzsse/matrix/detail/RowMask.h"
 
 using qzsse::detail::clampInto;
+using qzsse::detail::holdsNaN;
 using qzsse::detail::rowsFrom;
 
 namespace {
@@ -92,8 +93,9 @@ void median3x3Band(const __m128* above, const __m128* own, const __m128* below, 
 {
     Column3 prev = column3<NaN>(above, own, below, 0);
     Column3 cur = prev;
+    // Past the last column the box repeats it.
     for (int x = 0; x < w; ++x) {
-        const Column3 next = column3<NaN>(above, own, below, std::min(x + 1, w - 1));
+        const Column3 next = x + 1 < w ? column3<NaN>(above, own, below, x + 1) : cur;
         const __m128 lo = _mm_max_ps(_mm_max_ps(prev.lo, cur.lo), next.lo);
         const __m128 hi = _mm_min_ps(_mm_min_ps(prev.hi, cur.hi), next.hi);
         const __m128 md = median3(prev.md, cur.md, next.md);
@@ -298,14 +300,6 @@ void median5x5Band(const __m128* above, const __m128* own, const __m128* below, 
             m = _mm_or_ps(m, _mm_or_ps(_mm_or_ps(left.nan, right.nan), last.nan));
         out[x] = m;
     }
-}
-
-bool holdsNaN(const __m128* band, int w)
-{
-    __m128 nan = _mm_setzero_ps();
-    for (int x = 0; x < w; ++x)
-        nan = _mm_or_ps(nan, _mm_cmpunord_ps(band[x], band[x]));
-    return _mm_movemask_ps(nan) != 0;
 }
 
 // Bands whose boxes reach no NaN take the filter without the NaN bookkeeping.

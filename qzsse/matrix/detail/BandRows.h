@@ -35,6 +35,25 @@ inline __m128 nanMin(__m128 a, __m128 b)
     return _mm_or_ps(_mm_min_ps(a, b), _mm_cmpunord_ps(a, a));
 }
 
+// Whether any of the w vectors holds a NaN: filters take a cheaper path where none does.
+inline bool holdsNaN(const __m128* band, int w)
+{
+    __m128 nan = _mm_setzero_ps();
+    for (int x = 0; x < w; ++x)
+        nan = _mm_or_ps(nan, _mm_cmpunord_ps(band[x], band[x]));
+    return _mm_movemask_ps(nan) != 0;
+}
+
+// Minimum of two vectors: with NaN, one that lets a NaN in either operand through.
+template <bool NaN>
+inline __m128 minOf(__m128 a, __m128 b)
+{
+    if constexpr (NaN)
+        return nanMin(a, b);
+    else
+        return _mm_min_ps(a, b);
+}
+
 // An aligned scratch row of vectors (std::vector<__m128> would drop the type's attributes).
 class VectorBuffer {
 public:
