@@ -88,23 +88,36 @@ inline __m128 median3(__m128 a, __m128 b, __m128 c)
     return _mm_max_ps(_mm_min_ps(a, b), _mm_min_ps(_mm_max_ps(a, b), c));
 }
 
+// Outputs go in pairs: x and x + 1 share the extremes and the middle pair of columns x and
+// x + 1, which saves four of the eighteen minima and maxima per pixel.
 template <bool NaN>
 void median3x3Band(const __m128* above, const __m128* own, const __m128* below, __m128* out, int w)
 {
-    Column3 prev = column3<NaN>(above, own, below, 0);
-    Column3 cur = prev;
-    // Past the last column the box repeats it.
-    for (int x = 0; x < w; ++x) {
-        const Column3 next = x + 1 < w ? column3<NaN>(above, own, below, x + 1) : cur;
-        const __m128 lo = _mm_max_ps(_mm_max_ps(prev.lo, cur.lo), next.lo);
-        const __m128 hi = _mm_min_ps(_mm_min_ps(prev.hi, cur.hi), next.hi);
-        const __m128 md = median3(prev.md, cur.md, next.md);
-        __m128 m = median3(lo, md, hi);
+    auto col = [&](int x) { return column3<NaN>(above, own, below, clampInto(x, 0, w - 1)); };
+    Column3 c0 = col(-1), c1 = col(0);
+    int x = 0;
+    for (; x + 1 < w; x += 2) {
+        const Column3 c2 = col(x + 1), c3 = col(x + 2);
+        const __m128 lo = _mm_max_ps(c1.lo, c2.lo), hi = _mm_min_ps(c1.hi, c2.hi);
+        const __m128 mdMin = _mm_min_ps(c1.md, c2.md), mdMax = _mm_max_ps(c1.md, c2.md);
+        __m128 m0 = median3(_mm_max_ps(c0.lo, lo), _mm_max_ps(mdMin, _mm_min_ps(mdMax, c0.md)), _mm_min_ps(c0.hi, hi));
+        __m128 m1 = median3(_mm_max_ps(lo, c3.lo), _mm_max_ps(mdMin, _mm_min_ps(mdMax, c3.md)), _mm_min_ps(hi, c3.hi));
+        if constexpr (NaN) {
+            const __m128 nan = _mm_or_ps(c1.nan, c2.nan);
+            m0 = _mm_or_ps(m0, _mm_or_ps(nan, c0.nan));
+            m1 = _mm_or_ps(m1, _mm_or_ps(nan, c3.nan));
+        }
+        out[x] = m0;
+        out[x + 1] = m1;
+        c0 = c2;
+        c1 = c3;
+    }
+    if (x < w) { // an odd width leaves the last column, its own right neighbour
+        const __m128 lo = _mm_max_ps(c0.lo, c1.lo), hi = _mm_min_ps(c0.hi, c1.hi);
+        __m128 m = median3(lo, median3(c0.md, c1.md, c1.md), hi);
         if constexpr (NaN)
-            m = _mm_or_ps(m, _mm_or_ps(_mm_or_ps(prev.nan, cur.nan), next.nan));
+            m = _mm_or_ps(m, _mm_or_ps(c0.nan, c1.nan));
         out[x] = m;
-        prev = cur;
-        cur = next;
     }
 }
 
