@@ -28,6 +28,11 @@ void RbTask::run() noexcept
     } catch (...) {
         failure = std::current_exception();
     }
+    finish(failure);
+}
+
+void RbTask::finish(std::exception_ptr failure) noexcept
+{
     std::lock_guard<std::mutex> lock(m_mutex);
     m_failure = failure;
     m_bTerminated = true;
@@ -79,9 +84,12 @@ RbThreadPool::~RbThreadPool()
 void RbThreadPool::AddTask(RbTask* task)
 {
     task->start();
-    {
+    try {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_queue.push_back(task);
+    } catch (...) {
+        task->finish(nullptr); // not queued: a waiter must not block
+        throw;
     }
     m_wake.notify_one();
 }

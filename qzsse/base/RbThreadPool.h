@@ -37,6 +37,7 @@ private:
     friend class RbThreadPool;
     void start();
     void run() noexcept;
+    void finish(std::exception_ptr failure) noexcept;
 
     std::function<void()> m_work;
     mutable std::mutex m_mutex;
@@ -55,7 +56,8 @@ public:
     // Runs the tasks still queued, then joins the workers.
     ~RbThreadPool();
 
-    // Queues the task; a task must not be added again before it has terminated.
+    // Queues the task; a task must not be added again before it has terminated. When queueing
+    // fails the exception propagates and the task counts as terminated, not run.
     void AddTask(RbTask* task);
     int GetThreadCount() const { return static_cast<int>(m_workers.size()); }
 

@@ -267,12 +267,14 @@ public:
         std::vector<VectorBuffer> bands;
         RowScratch scratch(scratchSize());
         nan.clear();
-        for (int k = b0 - reachAbove(); k < b1 + reachBelow(); ++k) {
-            if (k == b0)
-                k = b1;
+        auto take = [&](int k) {
             bands.emplace_back(static_cast<size_t>(m_w));
             nan.push_back(k >= 0 && k < m_bands ? filterRow(k, bands.back().data(), scratch) : 0);
-        }
+        };
+        for (int k = b0 - reachAbove(); k < b0; ++k)
+            take(k);
+        for (int k = b1; k < b1 + reachBelow(); ++k)
+            take(k);
         return bands;
     }
 
@@ -323,10 +325,17 @@ private:
 
 void runAll(std::vector<std::unique_ptr<RbTask>>& tasks, RbThreadPool& pool)
 {
-    for (auto& task : tasks)
-        pool.AddTask(task.get());
-    // Every task is waited for before a failure is passed on: they use the caller's objects.
+    // Every task added is waited for before a failure is passed on: they use the caller's
+    // objects.
     std::exception_ptr failure;
+    size_t added = 0;
+    try {
+        for (; added < tasks.size(); ++added)
+            pool.AddTask(tasks[added].get());
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    tasks.resize(added);
     for (auto& task : tasks) {
         try {
             task->WaitUntilTerminate();
