@@ -93,11 +93,8 @@ inline __m128 median3(__m128 a, __m128 b, __m128 c)
 template <bool NaN>
 void median3x3Band(const __m128* above, const __m128* own, const __m128* below, __m128* out, int w)
 {
-    auto col = [&](int x) { return column3<NaN>(above, own, below, clampInto(x, 0, w - 1)); };
-    Column3 c0 = col(-1), c1 = col(0);
-    int x = 0;
-    for (; x + 1 < w; x += 2) {
-        const Column3 c2 = col(x + 1), c3 = col(x + 2);
+    auto col = [&](int x) { return column3<NaN>(above, own, below, x); };
+    auto pairOfOutputs = [&](int x, const Column3& c0, const Column3& c1, const Column3& c2, const Column3& c3) {
         const __m128 lo = _mm_max_ps(c1.lo, c2.lo), hi = _mm_min_ps(c1.hi, c2.hi);
         const __m128 mdMin = _mm_min_ps(c1.md, c2.md), mdMax = _mm_max_ps(c1.md, c2.md);
         __m128 m0 = median3(_mm_max_ps(c0.lo, lo), _mm_max_ps(mdMin, _mm_min_ps(mdMax, c0.md)), _mm_min_ps(c0.hi, hi));
@@ -109,10 +106,20 @@ void median3x3Band(const __m128* above, const __m128* own, const __m128* below, 
         }
         out[x] = m0;
         out[x + 1] = m1;
+    };
+    Column3 c0 = col(0), c1 = c0; // column -1 repeats column 0
+    int x = 0;
+    for (; x + 2 < w; x += 2) {
+        const Column3 c2 = col(x + 1), c3 = col(x + 2);
+        pairOfOutputs(x, c0, c1, c2, c3);
         c0 = c2;
         c1 = c3;
     }
-    if (x < w) { // an odd width leaves the last column, its own right neighbour
+    // Past the last column the box repeats it: one or two outputs are left.
+    if (x + 1 < w) {
+        const Column3 c2 = col(x + 1);
+        pairOfOutputs(x, c0, c1, c2, c2);
+    } else if (x < w) {
         const __m128 lo = _mm_max_ps(c0.lo, c1.lo), hi = _mm_min_ps(c0.hi, c1.hi);
         __m128 m = median3(lo, median3(c0.md, c1.md, c1.md), hi);
         if constexpr (NaN)
