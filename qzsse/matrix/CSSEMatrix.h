@@ -189,6 +189,33 @@ public:
     void CalcDerivativeX();
     void CalcDerivativeY();
 
+    // --- morphology and filters (CSSEMatrixMorphology.cpp, CSSEMatrixDistance.cpp,
+    // CSSEMatrixThinning.cpp; the medians are in CFilters) ----------------------------------------
+    // In place, on the caller's thread: every real pixel becomes the minimum of the
+    // (2 radius + 1) x (2 radius + 1) box around it. Pixels outside the image take no part (the
+    // same as clamped access); a NaN in the box gives NaN; the sign of a zero result is not
+    // pinned; padding rows become 0. A radius below 0 counts as 0.
+    void SimpleMinimumFilter(int radius);
+    // SimpleMinimumFilter's rule over a (2 radiusX + 1) x (2 radiusY + 1) box, its bands shared out
+    // as tasks of pool (RbThreadPool::GetGlobal() when null) while the caller waits. Each output
+    // vector is computed the same way by whichever thread: the result never depends on the pool.
+    void Erode(int radiusX, int radiusY, class RbThreadPool* pool = nullptr);
+    // In place: every real pixel that is not empty (0.0 of either sign; NaN is not empty) becomes
+    // the length of the cheapest 8-connected path to an empty pixel, a step to an axial neighbour
+    // costing axial and to a diagonal one diagonal. So 3-4 gives about three times the Euclidean
+    // distance in pixels, 1-1 the chessboard and 1-2 the city-block distance. Empty pixels stay 0,
+    // there being none every pixel becomes +inf; padding rows become 0.
+    void Chamfer(float axial = 3.0f, float diagonal = 4.0f);
+    // In place: every real pixel that is not empty (0.0 of either sign; NaN is not empty) becomes
+    // the exact Euclidean distance in pixels to the nearest empty pixel: sqrtf of the integer
+    // squared distance (exact below 2^24). Without an empty pixel every pixel becomes +inf; padding
+    // rows become 0.
+    void DistanceTransform();
+    // Thins the mask in place to a skeleton of one-pixel-wide 8-connected lines by the
+    // Zhang-Suen rule: non-zero pixels (NaN included) are the foreground, pixels outside the image
+    // count as background; afterwards skeleton pixels are 1.0, all others 0.0, padding rows 0.
+    void ZhangSuen();
+
     // --- members with rules of this library's own (documented at each) ---------------------------
     // QZSSE-OPEN-MEMBERS-BEGIN
     // Smallest box of real pixels with p > threshold (above) or p < threshold (!above). With

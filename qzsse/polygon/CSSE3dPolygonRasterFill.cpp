@@ -11,6 +11,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "qzsse/base/RbThreadPool.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
 #include "qzsse/matrix/detail/RowMask.h"
@@ -108,7 +109,7 @@ void foldInsideRowsInParallel(const OutlineXY& outline, const ScanWindow& w, CSS
     const int firstBand = clampInto(w.y0, 0, height - 1) >> 2;
     const int lastBand = clampInto(w.y1, 0, height - 1) >> 2;
     const int bands = lastBand - firstBand + 1;
-    int parts = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    int parts = RbCPU::GetCount();
     parts = std::min(parts, std::max(1, bands / c_iMinBandsPerThread));
     if (parts <= 1) {
         foldInsideRows<FloatBands>(outline, w.x0, w.x1, w.y0, w.y1, matrix.GetMatrixDataDirectly(), width, height,
