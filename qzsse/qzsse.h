@@ -14,6 +14,7 @@
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
 #include "qzsse/base/RbStreamWriteBinary.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
+#include "qzsse/base/RbThreadPool.h"
 #include "qzsse/base/RbVector3f.h"
 #include "qzsse/base/RyField2D.h"
 #include "qzsse/base/RyFloatingPointQuantization.h"
@@ -27,6 +28,7 @@
 #include "qzsse/core/SSEPoint.h"
 #include "qzsse/core/SafeAlloc.h"
 
+#include "qzsse/matrix/CFilters.h"
 #include "qzsse/matrix/CImgFromToArray.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
