@@ -8,6 +8,9 @@ namespace {
 
 // Largest gap between a round join's chords and the true arc, relative to the distance.
 constexpr double c_dRoundJoinTolerance = 0.001;
+// The offset spaces a join's points by the angle whose chord misses the arc by the tolerance
+// it is given, but its last step can be up to 1.5 of those angles: 2.25 times the gap.
+constexpr double c_dClipperArcTolerance = c_dRoundJoinTolerance / 2.25;
 
 } // namespace
 
@@ -28,7 +31,7 @@ std::vector<CSSE3dPolygon> CSSE3dPolygon::DilateExact(float distance) const
     } else {
         // The offset first resolves the outline's own overlaps (non-zero winding) and grows
         // the region; its orientation does not matter.
-        ClipperLib::ClipperOffset offset(2.0, std::fabs(delta) * c_dRoundJoinTolerance);
+        ClipperLib::ClipperOffset offset(2.0, std::fabs(delta) * c_dClipperArcTolerance);
         offset.AddPath(path, ClipperLib::jtRound, ClipperLib::etClosedPolygon);
         offset.Execute(tree, delta);
     }
