@@ -6,28 +6,12 @@
 
 namespace {
 
-// Squared distance from p to the segment a-b, in double.
-double SegmentDistance2(double px, double py, double ax, double ay, double bx, double by)
-{
-    const double vx = bx - ax, vy = by - ay;
-    const double wx = px - ax, wy = py - ay;
-    const double c1 = wx * vx + wy * vy;
-    if (c1 <= 0.0)
-        return wx * wx + wy * wy;
-    const double c2 = vx * vx + vy * vy;
-    if (c2 <= c1) {
-        const double dx = px - bx, dy = py - by;
-        return dx * dx + dy * dy;
-    }
-    const double b = c1 / c2;
-    const double dx = px - (ax + b * vx), dy = py - (ay + b * vy);
-    return dx * dx + dy * dy;
-}
-
-// Douglas-Peucker over the run first..last of the index sequence `order`, marking kept
-// positions; an explicit stack keeps long outlines off the call stack.
-void ReduceRun(const float* x, const float* y, const std::vector<int>& order, int first, int last,
-               double limit2, std::vector<char>& keep)
+// Douglas-Peucker over positions first..last (position n is point 0 again, for the closing run
+// of a closed outline), marking kept points; an explicit stack keeps long outlines off the
+// call stack. Distances to a segment of squared length c2 are compared as squared distance
+// times c2, which needs no division for points projecting inside the segment (the cross
+// product squared).
+void ReduceRun(const float* x, const float* y, int n, int first, int last, double limit2, std::vector<char>& keep)
 {
     std::vector<std::pair<int, int>> runs{{first, last}};
     while (!runs.empty()) {
@@ -35,18 +19,32 @@ void ReduceRun(const float* x, const float* y, const std::vector<int>& order, in
         runs.pop_back();
         if (b - a < 2)
             continue;
-        const int ia = order[static_cast<size_t>(a)], ib = order[static_cast<size_t>(b)];
+        const int ib = b == n ? 0 : b;
+        const double ax = x[a], ay = y[a], bx = x[ib], by = y[ib];
+        const double vx = bx - ax, vy = by - ay;
+        const double c2 = vx * vx + vy * vy;
+        const double scale = c2 > 0.0 ? c2 : 1.0;
         double worst = -1.0;
         int at = -1;
-        for (int k = a + 1; k < b; ++k) {
-            const int i = order[static_cast<size_t>(k)];
-            const double d2 = SegmentDistance2(x[i], y[i], x[ia], y[ia], x[ib], y[ib]);
-            if (d2 > worst) {
-                worst = d2;
-                at = k;
+        for (int i = a + 1; i < b; ++i) {
+            const double px = x[i] - ax, py = y[i] - ay;
+            const double c1 = px * vx + py * vy;
+            double key;
+            if (c1 <= 0.0) {
+                key = (px * px + py * py) * scale;
+            } else if (c2 <= c1) {
+                const double qx = x[i] - bx, qy = y[i] - by;
+                key = (qx * qx + qy * qy) * scale;
+            } else {
+                const double cross = px * vy - py * vx;
+                key = cross * cross;
+            }
+            if (key > worst) {
+                worst = key;
+                at = i;
             }
         }
-        if (worst > limit2) {
+        if (worst > limit2 * scale) {
             keep[static_cast<size_t>(at)] = 1;
             runs.push_back({at, b});
             runs.push_back({a, at});
@@ -69,12 +67,8 @@ void CSSE3dPolygon::ReducePoints(float maxDeviation, bool closed)
     const double limit = maxDeviation > 0.0f ? static_cast<double>(maxDeviation) : 0.0;
     const double limit2 = limit * limit;
 
-    // The run(s) as index sequences; a closed outline is split at point 0 and the point
-    // farthest from it, both ends of each half shared.
-    std::vector<int> order;
-    order.reserve(static_cast<size_t>(n) + 1);
-    for (int i = 0; i < n; ++i)
-        order.push_back(i);
+    // A closed outline is split at point 0 and the point farthest from it, both ends of each
+    // half shared.
     std::vector<char> keep(static_cast<size_t>(n) + 1, 0);
     keep[0] = 1;
     if (closed) {
@@ -87,13 +81,12 @@ void CSSE3dPolygon::ReducePoints(float maxDeviation, bool closed)
                 far = i;
             }
         }
-        order.push_back(0);
         keep[static_cast<size_t>(far)] = 1;
-        ReduceRun(m_pX, m_pY, order, 0, far, limit2, keep);
-        ReduceRun(m_pX, m_pY, order, far, n, limit2, keep);
+        ReduceRun(m_pX, m_pY, n, 0, far, limit2, keep);
+        ReduceRun(m_pX, m_pY, n, far, n, limit2, keep);
     } else {
         keep[static_cast<size_t>(n) - 1] = 1;
-        ReduceRun(m_pX, m_pY, order, 0, n - 1, limit2, keep);
+        ReduceRun(m_pX, m_pY, n, 0, n - 1, limit2, keep);
     }
 
     std::vector<int> kept;
