@@ -1,9 +1,9 @@
 // Simplification, filter, dilation, overlap and merge of two star-shaped polygons of N
-// vertices each (the benchmark argument): seven lobes, radius 800 +- 150 with +-2 of noise, like
-// a traced contour, centres 150 apart; beside the peers on the
-// same input when they are installed: Boost.Geometry (simplify, buffer, intersection,
-// union_) and Clipper (ClipperOffset, Clipper::Execute). The peers get the input in their
-// own coordinates (double, or Clipper's integers at the same scale as ours), prepared
+// vertices each (the benchmark argument), spaced about one unit apart like a traced contour:
+// seven lobes, radius R +- 0.19 R with R = N / 2 pi, +-0.5 of noise, the second centre R / 5
+// to the right; beside the peers on the same input when they are installed: Boost.Geometry
+// (simplify, buffer, intersection, union_) and Clipper (ClipperOffset, Clipper::Execute). The
+// peers get the input in their own coordinates (double, or Clipper's integers at the same scale as ours), prepared
 // outside the timing; ours converts inside it. The round joins of all three stay within
 // 0.001 of the distance (Boost: 70 points per circle).
 
@@ -37,8 +37,8 @@ namespace {
 
 constexpr float kDistance = 5.0f;
 constexpr float kDeviation = 1.0f;
-// Our scale for coordinates below 2048: 2^29 / 2^11.
-constexpr double kClipperScale = 262144.0;
+// Our scale for coordinates below 4096 (R (1.19 + 0.2) + 5 at N = 20000): 2^29 / 2^12.
+constexpr double kClipperScale = 131072.0;
 
 struct Stars {
     CSSE3dPolygon a, b;
@@ -47,18 +47,20 @@ struct Stars {
     explicit Stars(int n)
     {
         std::mt19937 rng(7);
-        make(rng, n, 1000.0f, a, ax, ay);
-        make(rng, n, 1150.0f, b, bx, by);
+        const float radius = static_cast<float>(n) / (2.0f * std::numbers::pi_v<float>);
+        make(rng, n, radius, 0.0f, a, ax, ay);
+        make(rng, n, radius, 0.2f * radius, b, bx, by);
     }
-    static void make(std::mt19937& rng, int n, float cx, CSSE3dPolygon& p, std::vector<float>& x, std::vector<float>& y)
+    static void make(std::mt19937& rng, int n, float radius, float cx, CSSE3dPolygon& p, std::vector<float>& x,
+                     std::vector<float>& y)
     {
-        std::uniform_real_distribution<float> noise(-2.0f, 2.0f);
+        std::uniform_real_distribution<float> noise(-0.5f, 0.5f);
         p.Create(n);
         for (int i = 0; i < n; ++i) {
             const float t = 2.0f * std::numbers::pi_v<float> * static_cast<float>(i) / static_cast<float>(n);
-            const float r = 800.0f + 150.0f * std::sin(7.0f * t) + noise(rng);
+            const float r = radius * (1.0f + 0.19f * std::sin(7.0f * t)) + noise(rng);
             x.push_back(cx + r * std::cos(t));
-            y.push_back(1000.0f + r * std::sin(t));
+            y.push_back(r * std::sin(t));
             p.SetPoint(i, x.back(), y.back(), 0.0f);
         }
     }

@@ -252,11 +252,12 @@ public:
     // c becomes the integer round(double(c) * s), s a power of two chosen per call so that
     // (largest |c| + |distance|) * s < 2^29; coordinates return as float(C / s). The rounding
     // moves a point by at most 0.5 / s <= (largest |c| + |distance|) * 2^-29 per axis, far below
-    // a float step at that magnitude. A result vertex within 1 / s of an end of the nearest
-    // input edge is that input vertex exactly (x, y and z); any other vertex takes z from the
-    // nearest point (in XY) of the input outlines, interpolated along that edge, the polygon
-    // called (a, for CreateMergePolygon) first on ties. Normalized coordinates of results are
-    // 0. Coordinates must be finite.
+    // a float step at that magnitude. A vertex of an overlap, a merge or a zero dilation at the
+    // integer position of an input vertex is that input vertex exactly (x, y and z; one of
+    // them when several share it); any other vertex takes z from the nearest point (in XY) of
+    // the input outlines, interpolated along that edge, the polygon called (a, for
+    // CreateMergePolygon) first on ties. Normalized coordinates of results are 0. Coordinates
+    // must be finite.
     //
     // Several results come back as a vector of outlines: each outer boundary counter-clockwise
     // (CalcXYArea > 0) followed by its holes, clockwise, so the halved CalcXYArea of all of

@@ -86,7 +86,7 @@ bool CSSE3dPolygon::FindIntersectionWithAnotherPolygon(const CSSE3dPolygon& othe
     clipper.AddPath(frame.ToPath(theirs), ClipperLib::ptClip, true);
     ClipperLib::PolyTree tree;
     clipper.Execute(ClipperLib::ctIntersection, tree, ClipperLib::pftNonZero, ClipperLib::pftNonZero);
-    overlap = frame.ToPolygons(tree, false);
+    overlap = frame.ToPolygons(tree, true);
     return !overlap.empty();
 }
 
@@ -106,7 +106,7 @@ bool CSSE3dPolygon::CreateMergePolygon(const CSSE3dPolygon& a, const CSSE3dPolyg
         return false;
     // Built aside first: a or b may be this polygon.
     CSSE3dPolygon merged;
-    frame.ToPolygon(tree.Childs[0]->Contour, merged);
+    frame.ToPolygon(tree.Childs[0]->Contour, merged, true);
     swapPoints(merged);
     m_bBoundingBoxCalculated = false;
     return true;

@@ -35,5 +35,5 @@ std::vector<CSSE3dPolygon> CSSE3dPolygon::DilateExact(float distance) const
         offset.AddPath(path, ClipperLib::jtRound, ClipperLib::etClosedPolygon);
         offset.Execute(tree, delta);
     }
-    return frame.ToPolygons(tree, false);
+    return frame.ToPolygons(tree, distance == 0.0f);
 }

@@ -23,8 +23,24 @@ double ChooseScale(const std::vector<OutlineArrays>& outlines, double margin)
 } // namespace
 
 ClipperFrame::ClipperFrame(const std::vector<OutlineArrays>& outlines, double margin)
-    : m_outlines(outlines), m_grid(outlines, std::fabs(margin) + 1.0), m_scale(ChooseScale(outlines, margin))
+    : m_outlines(outlines), m_margin(std::fabs(margin) + 1.0), m_scale(ChooseScale(outlines, margin))
 {
+    const float* first = nullptr;
+    for (const OutlineArrays& a : outlines)
+        for (int i = 0; i < a.n && m_commonZ; ++i) {
+            if (!first)
+                first = &a.z[i];
+            m_commonZ = a.z[i] == *first;
+        }
+}
+
+ClipperFrame::~ClipperFrame() = default;
+
+OutlineEdgeGrid& ClipperFrame::grid()
+{
+    if (!m_grid)
+        m_grid = std::make_unique<OutlineEdgeGrid>(m_outlines, m_margin);
+    return *m_grid;
 }
 
 ClipperLib::Path ClipperFrame::ToPath(const OutlineArrays& outline) const
@@ -37,35 +53,52 @@ ClipperLib::Path ClipperFrame::ToPath(const OutlineArrays& outline) const
     return path;
 }
 
-void ClipperFrame::ToPolygon(const ClipperLib::Path& path, CSSE3dPolygon& out)
+bool ClipperFrame::atVertex(const ClipperLib::IntPoint& p, int outline, int index) const
+{
+    const OutlineArrays& a = m_outlines[static_cast<size_t>(outline)];
+    return std::llround(static_cast<double>(a.x[index]) * m_scale) == p.X &&
+           std::llround(static_cast<double>(a.y[index]) * m_scale) == p.Y;
+}
+
+// The clipper walks the input outlines in order (either way round), so a kept vertex is
+// usually a neighbour of the one before it; only the others need the grid.
+void ClipperFrame::ToPolygon(const ClipperLib::Path& path, CSSE3dPolygon& out, bool keepVertices)
 {
     const int n = static_cast<int>(path.size());
     out.Create(n);
     const double inverse = 1.0 / m_scale;
-    const double snap2 = inverse * inverse;
+    int lastOutline = -1, lastIndex = 0;
     for (int i = 0; i < n; ++i) {
-        const double px = static_cast<double>(path[static_cast<size_t>(i)].X) * inverse;
-        const double py = static_cast<double>(path[static_cast<size_t>(i)].Y) * inverse;
-        const OutlineEdgeGrid::Nearest near = m_grid.NearestPoint(px, py);
-        float x = static_cast<float>(px), y = static_cast<float>(py), z = 0.0f;
-        if (near.outline >= 0) {
+        const ClipperLib::IntPoint& q = path[static_cast<size_t>(i)];
+        const double px = static_cast<double>(q.X) * inverse, py = static_cast<double>(q.Y) * inverse;
+        int vertex = -1;
+        if (keepVertices && lastOutline >= 0) {
+            const int m = m_outlines[static_cast<size_t>(lastOutline)].n;
+            for (const int k : {lastIndex + 1 == m ? 0 : lastIndex + 1, lastIndex == 0 ? m - 1 : lastIndex - 1, lastIndex})
+                if (atVertex(q, lastOutline, k)) {
+                    vertex = k;
+                    break;
+                }
+        }
+        float z = m_outlines.empty() || m_outlines[0].n == 0 ? 0.0f : m_outlines[0].z[0];
+        if (vertex < 0 && (keepVertices || !m_commonZ)) {
+            const OutlineEdgeGrid::Nearest near = grid().NearestPoint(px, py);
             const OutlineArrays& a = m_outlines[static_cast<size_t>(near.outline)];
             const int i0 = near.edge, i1 = near.edge + 1 == a.n ? 0 : near.edge + 1;
-            // An input vertex comes back exactly as it went in.
-            const auto vertexNear = [&](int k) {
-                const double dx = a.x[k] - px, dy = a.y[k] - py;
-                return dx * dx + dy * dy <= snap2;
-            };
-            if (near.distance2 <= snap2 && (vertexNear(i0) || vertexNear(i1))) {
-                const int k = vertexNear(i0) ? i0 : i1;
-                x = a.x[k];
-                y = a.y[k];
-                z = a.z[k];
-            } else {
+            if (keepVertices && (atVertex(q, near.outline, i0) || atVertex(q, near.outline, i1))) {
+                lastOutline = near.outline;
+                vertex = atVertex(q, near.outline, i0) ? i0 : i1;
+            } else if (!m_commonZ) {
                 z = static_cast<float>(a.z[i0] + near.t * (static_cast<double>(a.z[i1]) - a.z[i0]));
             }
         }
-        out.SetPoint(i, x, y, z);
+        if (vertex >= 0) {
+            const OutlineArrays& a = m_outlines[static_cast<size_t>(lastOutline)];
+            lastIndex = vertex;
+            out.SetPoint(i, a.x[vertex], a.y[vertex], a.z[vertex]);
+        } else {
+            out.SetPoint(i, static_cast<float>(px), static_cast<float>(py), z);
+        }
     }
 }
 
@@ -84,18 +117,14 @@ void CollectOuter(const ClipperLib::PolyNode* outer, std::vector<const ClipperLi
 
 } // namespace
 
-std::vector<CSSE3dPolygon> ClipperFrame::ToPolygons(const ClipperLib::PolyTree& tree, bool outersOnly)
+std::vector<CSSE3dPolygon> ClipperFrame::ToPolygons(const ClipperLib::PolyTree& tree, bool keepVertices)
 {
     std::vector<const ClipperLib::PolyNode*> nodes;
-    for (const ClipperLib::PolyNode* outer : tree.Childs) {
-        if (outersOnly)
-            nodes.push_back(outer);
-        else
-            CollectOuter(outer, nodes);
-    }
+    for (const ClipperLib::PolyNode* outer : tree.Childs)
+        CollectOuter(outer, nodes);
     std::vector<CSSE3dPolygon> out(nodes.size());
     for (size_t k = 0; k < nodes.size(); ++k)
-        ToPolygon(nodes[k]->Contour, out[k]);
+        ToPolygon(nodes[k]->Contour, out[k], keepVertices);
     return out;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include <polyclipping/clipper.hpp>
@@ -17,21 +18,27 @@ namespace qzsse::detail {
 class ClipperFrame {
 public:
     ClipperFrame(const std::vector<OutlineArrays>& outlines, double margin);
+    ~ClipperFrame();
 
     double Scale() const { return m_scale; }
     ClipperLib::Path ToPath(const OutlineArrays& outline) const;
 
-    // Polygons from the clipper's result tree, each outer outline followed by its holes, then
-    // the islands inside them (the tree's depth-first order); outersOnly skips the holes and
-    // everything inside them. A vertex within 1 / scale of an input vertex is that vertex;
-    // any other gets z from the nearest point of the input outlines.
-    std::vector<CSSE3dPolygon> ToPolygons(const ClipperLib::PolyTree& tree, bool outersOnly);
-    void ToPolygon(const ClipperLib::Path& path, CSSE3dPolygon& out);
+    // Polygons from the clipper's result tree: each outer outline, its holes, then the
+    // islands inside each hole (likewise). With keepVertices a vertex at the integer position of an input vertex is that vertex; any
+    // other gets z from the nearest point of the input outlines (their common z when all
+    // input z are equal).
+    std::vector<CSSE3dPolygon> ToPolygons(const ClipperLib::PolyTree& tree, bool keepVertices);
+    void ToPolygon(const ClipperLib::Path& path, CSSE3dPolygon& out, bool keepVertices);
 
 private:
+    OutlineEdgeGrid& grid();
+    bool atVertex(const ClipperLib::IntPoint& p, int outline, int index) const;
+
     std::vector<OutlineArrays> m_outlines;
-    OutlineEdgeGrid m_grid;
+    std::unique_ptr<OutlineEdgeGrid> m_grid; // built on first use
+    double m_margin = 0.0;
     double m_scale = 1.0;
+    bool m_commonZ = true;
 };
 
 } // namespace qzsse::detail
