@@ -81,16 +81,22 @@ void ClipperFrame::ToPolygon(const ClipperLib::Path& path, CSSE3dPolygon& out, b
                 }
         }
         float z = m_outlines.empty() || m_outlines[0].n == 0 ? 0.0f : m_outlines[0].z[0];
-        if (vertex < 0 && (keepVertices || !m_commonZ)) {
+        if (vertex < 0 && keepVertices) {
+            // Every input vertex starts an edge whose box holds it: the lowest outline, then
+            // index, among those at this position.
+            grid().ForEachEdgeNear(px - inverse, py - inverse, px + inverse, py + inverse, [&](int e) {
+                const int o = m_grid->OutlineOf(e), k = m_grid->IndexOf(e);
+                if ((vertex < 0 || o < lastOutline || (o == lastOutline && k < vertex)) && atVertex(q, o, k)) {
+                    lastOutline = o;
+                    vertex = k;
+                }
+            });
+        }
+        if (vertex < 0 && !m_commonZ) {
             const OutlineEdgeGrid::Nearest near = grid().NearestPoint(px, py);
             const OutlineArrays& a = m_outlines[static_cast<size_t>(near.outline)];
             const int i0 = near.edge, i1 = near.edge + 1 == a.n ? 0 : near.edge + 1;
-            if (keepVertices && (atVertex(q, near.outline, i0) || atVertex(q, near.outline, i1))) {
-                lastOutline = near.outline;
-                vertex = atVertex(q, near.outline, i0) ? i0 : i1;
-            } else if (!m_commonZ) {
-                z = static_cast<float>(a.z[i0] + near.t * (static_cast<double>(a.z[i1]) - a.z[i0]));
-            }
+            z = static_cast<float>(a.z[i0] + near.t * (static_cast<double>(a.z[i1]) - a.z[i0]));
         }
         if (vertex >= 0) {
             const OutlineArrays& a = m_outlines[static_cast<size_t>(lastOutline)];

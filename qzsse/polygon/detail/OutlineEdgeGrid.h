@@ -23,6 +23,9 @@ public:
     OutlineEdgeGrid(const std::vector<OutlineArrays>& outlines, double margin);
 
     int EdgeCount() const { return static_cast<int>(m_edges.size()); }
+    int OutlineOf(int edge) const { return m_edges[static_cast<size_t>(edge)].outline; }
+    // The edge's index within its outline, which is also that of its start point.
+    int IndexOf(int edge) const { return m_edges[static_cast<size_t>(edge)].index; }
 
     // Calls visit(edge) once for every edge whose box meets [x0, x1] x [y0, y1] (and maybe a
     // few more nearby).
