@@ -3,9 +3,9 @@
 // seven lobes, radius R +- 0.19 R with R = N / 2 pi, +-0.5 of noise, the second centre R / 5
 // to the right; beside the peers on the same input when they are installed: Boost.Geometry
 // (simplify, buffer, intersection, union_) and Clipper (ClipperOffset, Clipper::Execute). The
-// peers get the input in their own coordinates (double, or Clipper's integers at the same scale as ours), prepared
-// outside the timing; ours converts inside it. The round joins of all three stay within
-// 0.001 of the distance (Boost: 70 points per circle).
+// peers get the input in their own coordinates (double, or Clipper's integers at our scale),
+// prepared outside the timing; ours converts inside it. The round joins of all three stay
+// within 0.001 of the distance (Boost: 70 points per circle).
 
 #include <cmath>
 #include <cstdint>
