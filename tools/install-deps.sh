@@ -4,7 +4,7 @@
 # Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer,
 # CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer,
 # OpenCV (with its contrib modules, for thinning) the matrix filters' oracle and benchmark peer,
-# clang the second compiler CI builds with).
+# clang the second compiler CI builds with, Clipper the polygon booleans and offsets).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -23,6 +23,7 @@ packages=(
   pngcheck
   libtiff-tools
   libboost-dev
+  libpolyclipping-dev
   liblerc-dev
   libcgal-dev
   libopencv-dev

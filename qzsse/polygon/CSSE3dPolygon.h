@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "qzsse/base/CString.h"
 #include "qzsse/base/RbReferenceCounted.h"
 #include "qzsse/core/SSEPoint.h"
@@ -15,6 +17,20 @@ class RyPolyLineOld;
 namespace qzsse::detail {
 struct OutlineXY;
 }
+
+namespace qzsse {
+// One point the outlines of two closed polygons share, as FindIntersectionWithAnotherPolygon
+// reports it: on edge `edge` (point edge to point edge + 1, the last edge closing back to 0)
+// of the polygon called at parameter t in [0, 1), and on edge `otherEdge` of the other one at
+// parameter otherT in [0, 1). z is interpolated along the edge of the polygon called.
+struct PolygonCrossing {
+    float x, y, z;
+    int edge;
+    float t;
+    int otherEdge;
+    float otherT;
+};
+} // namespace qzsse
 
 // Scale factors applied by CSSE3dPolygon::NormalizeXYZ (size of one unit per axis).
 struct t_resolutiondata {
@@ -218,6 +234,62 @@ public:
     // <= 0.0005 and within the edge's x-range (its y-range for a vertical edge), ends included.
     // Fewer than 3 points: -1.
     int PointStatusWithRespectToPolygon(float x, float y);
+
+    // --- simplification and filtering (CSSE3dPolygonSimplify.cpp) -------------------------
+    // Douglas-Peucker in the XY plane: a point stays when its distance to the segment between
+    // the points kept around it exceeds maxDeviation (the farthest one, the first of equals,
+    // splits first; distances in double). Open: the first and last points stay. Closed: point 0
+    // and the point farthest from it (the first of equals) stay and split the outline into two
+    // such runs. Kept points keep all six coordinates; fewer than 3 points: no change.
+    void ReducePoints(float maxDeviation, bool closed);
+    // Each of x, y, z and the three normalized coordinates becomes the median of itself and
+    // its two neighbours. Closed: the neighbours wrap around; open: the end points stay.
+    // Fewer than 3 points: no change.
+    void FilterMedian3(bool closed);
+
+    // --- dilation and booleans (CSSE3dPolygonDilate.cpp, CSSE3dPolygonBoolean.cpp) --------
+    // The results of these members are built with integer clipping (Clipper): each coordinate
+    // c becomes the integer round(double(c) * s), s a power of two chosen per call so that
+    // (largest |c| + |distance|) * s < 2^29; coordinates return as float(C / s). The rounding
+    // moves a point by at most 0.5 / s <= (largest |c| + |distance|) * 2^-29 per axis, far below
+    // a float step at that magnitude. A vertex of an overlap, a merge or a zero dilation at the
+    // integer position of an input vertex is that input vertex exactly (x, y and z; one of
+    // them when several share it); any other vertex takes z from the nearest point (in XY) of
+    // the input outlines, interpolated along that edge, the polygon called (a, for
+    // CreateMergePolygon) first on ties. Normalized coordinates of results are 0. Coordinates
+    // must be finite.
+    //
+    // Several results come back as a vector of outlines: each outer boundary counter-clockwise
+    // (CalcXYArea > 0) followed by its holes, clockwise, so the halved CalcXYArea of all of
+    // them sum to the area of the region; then any islands inside those holes, likewise.
+
+    // The region of the closed polygon (non-zero winding, so self-overlaps count once) grown by
+    // distance in XY, or shrunk for a negative distance, with round joins whose chords stay
+    // within 0.001 |distance| of the true arc. Fewer than 3 points, or a region that vanishes:
+    // empty vector. distance 0 returns the region itself, its self-overlaps resolved.
+    std::vector<CSSE3dPolygon> DilateExact(float distance) const;
+    // Both polygons read closed. crossings: every point the two outlines share, once per pair
+    // of edges (parameters half-open, so a shared vertex counts once); where two edges run
+    // along one line, the start points of either that lie on the other; sorted by edge, then
+    // t. Computed in double from the float coordinates. overlap: the region inside both
+    // (non-zero winding). True when the overlap has positive area.
+    bool FindIntersectionWithAnotherPolygon(const CSSE3dPolygon& other, std::vector<qzsse::PolygonCrossing>& crossings,
+                                            std::vector<CSSE3dPolygon>& overlap) const;
+    // This polygon becomes the outer outline of the union of the closed polygons a and b
+    // (counter-clockwise; holes of the union are filled). False, and this polygon unchanged,
+    // when the union is not one piece or either has fewer than 3 points. a or b may be this.
+    bool CreateMergePolygon(const CSSE3dPolygon& a, const CSSE3dPolygon& b);
+
+    // --- assembly (CSSE3dPolygonAssemble.cpp) ----------------------------------------------
+    // Chains the open pieces into one closed polygon: starting with pieces[0] as given, each
+    // step appends the unused piece with the end nearest (in XY) to the chain's end, reversed
+    // when that is its last point, while that end lies within 0.002 in x and y; a matched end
+    // point is taken once (from the chain). All pieces must be used and the chain's end must
+    // come back within 0.002 of its start (that end point is dropped). The result is
+    // counter-clockwise (CalcXYArea >= 0; reversed if not); normalized coordinates are 0.
+    // False, and this polygon unchanged, when no piece is given, a piece is empty, or the
+    // pieces do not close into one ring.
+    bool CreateFromCutPolygones(const std::vector<CSSE3dPolygon>& pieces);
 
 protected:
     // DrawInMatrixAndFillFine that leaves out the interior of `insert` (a hole), both polygons
