@@ -425,12 +425,9 @@ void CHTriangulation::CalcNeighbours()
 
     int numPoints = 0;
     const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
-    std::vector<int> neighbour;
-    {
-        qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
-        replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
-        neighbour = replay.Neighbours();
-    }
+    qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
+    replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
+    const std::vector<int>& neighbour = replay.Neighbours();
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) {
             const int u = neighbour[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
