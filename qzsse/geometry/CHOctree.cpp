@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <numbers>
 #include <vector>
@@ -293,7 +294,9 @@ private:
     FilingCell* lookup(const t_hoctreeelement* cell)
     {
         const int k = cell->iLevel;
-        if (k < 0 || k >= m_depth || cell < m_levels[k] || cell >= m_levels[k] + m_counts[k])
+        // std::less orders pointers into different arrays too (a hand-linked cell may be anywhere).
+        const std::less<const t_hoctreeelement*> before;
+        if (k < 0 || k >= m_depth || before(cell, m_levels[k]) || !before(cell, m_levels[k] + m_counts[k]))
             return nullptr;
         return &m_cells[static_cast<size_t>(m_first[k] + (cell - m_levels[k]))];
     }

@@ -282,9 +282,12 @@ TEST(Octree, FastFilingMatchesSlotBySlotDescent)
             if (c.prefill)
                 for (int i = 0; i < 23; ++i)
                     cube.tree.AppendEntryToOctreeElement(cube.tree.GetLevel(2) + 9, 3, -i);
-            if (c.editCell) { // a hand-moved cell and a missing link: no longer the constructor's layout
+            // A hand-moved cell, a missing link and a cell outside the tree's arrays.
+            t_hoctreeelement outside = cube.tree.GetLevel(2)[50];
+            if (c.editCell) {
                 cube.tree.GetLevel(2)[12].upperCorner.x += 0.5f;
                 cube.tree.GetLevel(1)[5].pChild[4] = nullptr;
+                cube.tree.GetLevel(1)[6].pChild[2] = &outside;
             }
             for (int i = 0; i < n; ++i)
                 mesh.GetTriangle(i)->iTag = -1;
@@ -293,6 +296,9 @@ TEST(Octree, FastFilingMatchesSlotBySlotDescent)
             cube.tree.CalculateOctreeEntries(&mesh, 3); // appends after a first filling
             qzsse::detail::g_bDirectOctreeFiling = false;
             results[direct] = Snapshot(cube.tree, mesh);
+            for (const qzsse::t_hoctreeentrybucket* b = outside.pEntryList[3]; b; b = b->pNext)
+                results[direct].insert(results[direct].end(), b->iIndex, b->iIndex + b->iCount);
+            cube.tree.RemoveAllEntriesFromOctreeElement(&outside);
         }
         EXPECT_EQ(results[0], results[1]) << c.kind << c.prefill << c.editCell;
     }
