@@ -1,10 +1,13 @@
 #include "qzsse/geometry/CHOctree.h"
 
+#include <array>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <numbers>
-#include <xmmintrin.h>
+#include <vector>
+#include <emmintrin.h>
 
 #include "qzsse/core/SafeAlloc.h"
 #include "qzsse/mesh/CHTriangulation.h"
@@ -170,12 +173,232 @@ void CHOctree::PositionReferenceOctree(t_hoctreeelement* cell, SSEPoint* centre)
     }
 }
 
+namespace qzsse::detail {
+
+// Slots whose octant lies on the + or - side of each axis (bit i = slot i).
+constexpr unsigned kSlotsPlus[3] = {0x99, 0x33, 0xF0};
+constexpr unsigned kSlotsMinus[3] = {0x66, 0xCC, 0x0F};
+
+// Slots fitting on all three axes, by which of slot 0's (bits 0-2) and slot 6's (bits 3-5)
+// extents hold the box per axis; slot 0 is + on x and y and - on z, slot 6 the opposite.
+constexpr auto kFittingSlots = [] {
+    std::array<unsigned char, 64> table{};
+    for (unsigned m = 0; m < 64; ++m) {
+        unsigned fits = 0xFF;
+        for (unsigned a = 0; a < 3; ++a) {
+            const bool in0 = (m >> a) & 1, in6 = (m >> (a + 3)) & 1;
+            const bool onPlus = a < 2 ? in0 : in6, onMinus = a < 2 ? in6 : in0;
+            fits &= (onPlus ? kSlotsPlus[a] : 0u) | (onMinus ? kSlotsMinus[a] : 0u);
+        }
+        table[m] = static_cast<unsigned char>(fits);
+    }
+    return table;
+}();
+
+inline bool sameBits(__m128 a, __m128 b)
+{
+    return (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_castps_si128(a), _mm_castps_si128(b))) & 0x0FFF) == 0x0FFF;
+}
+
+// Per-call state of one cell of the tree: the tail of the list being filled (so appends do
+// not walk it) and whether its children are laid out as the constructor places them.
+struct FilingCell {
+    t_hoctreeentrybucket* tail = nullptr;
+    signed char layout = 0; // 0 not looked at, 1 leaf, 2 regular children, 3 anything else
+};
+
+// Looks the constructor's layout up per visited cell. A regular cell has eight children whose
+// x, y and z extents are, bit for bit, one of two per axis (those of slots 0 and 6 cover both
+// signs on every axis); then "the first slot whose cell contains the box" is the lowest set
+// bit of the slots fitting on all three axes, the same answer the slot-by-slot test gives.
+// Cells of any other shape (hand-edited corners or links) take the slot-by-slot test.
+class OctreeFiler {
+public:
+    OctreeFiler(t_hoctreeelement* const* levels, const int* counts, int depth, int list)
+        : m_list(list)
+    {
+        int total = 0;
+        for (int k = 0; k < depth; ++k) {
+            m_levels[k] = levels[k];
+            m_counts[k] = counts[k];
+            m_first[k] = total;
+            total += counts[k];
+        }
+        m_depth = depth;
+        m_cells.resize(static_cast<size_t>(total));
+    }
+
+    void file(t_htriangle* tri, t_hoctreeelement* cell)
+    {
+        const __m128 lo = tri->pMinPoint->m;
+        const __m128 hi = tri->pMaxPoint->m;
+        for (size_t d = 0;; ++d) {
+            // Consecutive triangles mostly take the same path: its cells are kept here so the
+            // descent need not touch the tree again.
+            PathStep scratch;
+            PathStep& step = d < m_path.size() ? m_path[d] : scratch;
+            if (step.cell != cell)
+                load(step, cell);
+            t_hoctreeelement* next = nullptr;
+            if (step.layout == 2) {
+                const int fit0 = _mm_movemask_ps(_mm_and_ps(_mm_cmpge_ps(lo, step.lower0), _mm_cmple_ps(hi, step.upper0)));
+                const int fit6 = _mm_movemask_ps(_mm_and_ps(_mm_cmpge_ps(lo, step.lower6), _mm_cmple_ps(hi, step.upper6)));
+                const unsigned fits = kFittingSlots[(fit0 & 7) | (fit6 & 7) << 3];
+                if (fits)
+                    next = step.children[__builtin_ctz(fits)];
+            } else if (step.layout == 3) {
+                for (t_hoctreeelement* child : cell->pChild) {
+                    if (child && (_mm_movemask_ps(_mm_and_ps(_mm_cmpge_ps(lo, child->lowerCorner.m),
+                                                             _mm_cmple_ps(hi, child->upperCorner.m))) & 7) == 7) {
+                        next = child;
+                        break;
+                    }
+                }
+            }
+            if (!next) {
+                append(cell, step.state, tri->iIndex);
+                tri->iTag = step.tag;
+                return;
+            }
+            cell = next;
+        }
+    }
+
+private:
+    struct PathStep {
+        __m128 lower0, upper0, lower6, upper6;
+        t_hoctreeelement* cell = nullptr;
+        FilingCell* state = nullptr;
+        t_hoctreeelement* children[8];
+        int layout = 3;
+        int tag = 1;
+    };
+
+    void load(PathStep& step, t_hoctreeelement* cell)
+    {
+        step.cell = cell;
+        step.state = lookup(cell);
+        step.layout = step.state ? layoutOf(cell, *step.state) : 3;
+        const int level = cell->iLevel;
+        step.tag = level >= 0 && level < 12 ? kLevelTags[level] : 1;
+        if (step.layout == 2) {
+            step.lower0 = cell->pChild[0]->lowerCorner.m;
+            step.upper0 = cell->pChild[0]->upperCorner.m;
+            step.lower6 = cell->pChild[6]->lowerCorner.m;
+            step.upper6 = cell->pChild[6]->upperCorner.m;
+            std::memcpy(step.children, cell->pChild, sizeof(step.children));
+        }
+    }
+
+private:
+    FilingCell* lookup(const t_hoctreeelement* cell)
+    {
+        const int k = cell->iLevel;
+        // std::less orders pointers into different arrays too (a hand-linked cell may be anywhere).
+        const std::less<const t_hoctreeelement*> before;
+        if (k < 0 || k >= m_depth || before(cell, m_levels[k]) || !before(cell, m_levels[k] + m_counts[k]))
+            return nullptr;
+        return &m_cells[static_cast<size_t>(m_first[k] + (cell - m_levels[k]))];
+    }
+
+    static int layoutOf(const t_hoctreeelement* cell, FilingCell& state)
+    {
+        if (state.layout)
+            return state.layout;
+        int nulls = 0;
+        for (const t_hoctreeelement* child : cell->pChild)
+            nulls += child == nullptr;
+        if (nulls == 8)
+            return state.layout = 1;
+        if (nulls != 0)
+            return state.layout = 3;
+        // Per axis a, the extents of slots on the + side must equal slot 0's (x, y) or slot 6's
+        // (z) and those on the - side the other one's.
+        alignas(16) static constexpr float kSignsOfSlot0[4] = {1, 1, -1, 0};
+        for (int i = 0; i < 8; ++i) {
+            const t_hoctreeelement* child = cell->pChild[i];
+            const __m128 matchesSlot0 = _mm_cmpeq_ps(_mm_load_ps(kOctantSigns[i]), _mm_load_ps(kSignsOfSlot0));
+            const __m128 lower = _mm_or_ps(_mm_and_ps(matchesSlot0, cell->pChild[0]->lowerCorner.m),
+                                           _mm_andnot_ps(matchesSlot0, cell->pChild[6]->lowerCorner.m));
+            const __m128 upper = _mm_or_ps(_mm_and_ps(matchesSlot0, cell->pChild[0]->upperCorner.m),
+                                           _mm_andnot_ps(matchesSlot0, cell->pChild[6]->upperCorner.m));
+            const __m128 keepW = _mm_castsi128_ps(_mm_setr_epi32(-1, -1, -1, 0));
+            if (!sameBits(_mm_and_ps(lower, keepW), _mm_and_ps(child->lowerCorner.m, keepW)) ||
+                !sameBits(_mm_and_ps(upper, keepW), _mm_and_ps(child->upperCorner.m, keepW)))
+                return state.layout = 3;
+        }
+        return state.layout = 2;
+    }
+
+    void append(t_hoctreeelement* cell, FilingCell* state, int index)
+    {
+        if (!state) {
+            appendWalking(cell, index);
+            return;
+        }
+        if (!state->tail) {
+            t_hoctreeentrybucket* bucket = cell->pEntryList[m_list];
+            if (!bucket) {
+                state->tail = cell->pEntryList[m_list] = newBucket(index);
+                return;
+            }
+            while (bucket->pNext)
+                bucket = bucket->pNext;
+            state->tail = bucket;
+        }
+        if (state->tail->iCount < 9)
+            state->tail->iIndex[state->tail->iCount++] = index;
+        else
+            state->tail = state->tail->pNext = newBucket(index);
+    }
+
+    void appendWalking(t_hoctreeelement* cell, int index)
+    {
+        t_hoctreeentrybucket* bucket = cell->pEntryList[m_list];
+        if (!bucket) {
+            cell->pEntryList[m_list] = newBucket(index);
+            return;
+        }
+        while (bucket->pNext)
+            bucket = bucket->pNext;
+        if (bucket->iCount < 9)
+            bucket->iIndex[bucket->iCount++] = index;
+        else
+            bucket->pNext = newBucket(index);
+    }
+
+    t_hoctreeelement* m_levels[100] = {};
+    int m_counts[100] = {};
+    int m_first[100] = {};
+    int m_depth = 0;
+    int m_list;
+    std::vector<FilingCell> m_cells;
+    std::vector<PathStep> m_path = std::vector<PathStep>(128);
+};
+
+} // namespace qzsse::detail
+
 void CHOctree::CalculateOctreeEntries(CHTriangulation* mesh, int list)
 {
-    if (!mesh)
+    if (!mesh || !m_pStem || !validList(list))
         return;
-    for (int i = 0; i < mesh->GetNumTriangles(); ++i)
-        InsertTriangleIntoOctree(mesh->GetTriangle(i), m_pStem, list);
+    if (g_bDirectOctreeFiling) {
+        for (int i = 0; i < mesh->GetNumTriangles(); ++i)
+            InsertTriangleIntoOctree(mesh->GetTriangle(i), m_pStem, list);
+        return;
+    }
+    OctreeFiler filer(m_pLevel, m_iLevelCount, m_iDepth, list);
+    const __m128 rootLower = m_pStem->lowerCorner.m;
+    const __m128 rootUpper = m_pStem->upperCorner.m;
+    for (int i = 0; i < mesh->GetNumTriangles(); ++i) {
+        t_htriangle* tri = mesh->GetTriangle(i);
+        if (!tri)
+            continue;
+        const __m128 inside = _mm_and_ps(_mm_cmpge_ps(tri->pMinPoint->m, rootLower),
+                                         _mm_cmple_ps(tri->pMaxPoint->m, rootUpper));
+        if ((_mm_movemask_ps(inside) & 7) == 7)
+            filer.file(tri, m_pStem);
+    }
 }
 
 bool CHOctree::InsertTriangleIntoOctree(t_htriangle* tri, t_hoctreeelement* cell, int list)

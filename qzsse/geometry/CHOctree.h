@@ -7,6 +7,12 @@ struct t_htriangle;
 
 namespace qzsse {
 
+namespace detail {
+// Test switch (per thread): when set, CalculateOctreeEntries files each triangle by the
+// slot-by-slot descent of InsertTriangleIntoOctree, the form the faster filing is checked against.
+inline thread_local bool g_bDirectOctreeFiling = false;
+} // namespace detail
+
 // One block of an octree cell's entry list. It has room for ten triangle indices but is
 // filled with nine only; readers still address it as ten per block, so of a whole list
 // only the first nine entries can be read back. Both habits are kept for existing callers.

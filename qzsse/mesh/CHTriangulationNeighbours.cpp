@@ -53,39 +53,83 @@ inline bool sameBits(__m128i a, __m128i b)
 
 } // namespace
 
-// Numbers the distinct corner points, so that corners compare as integers. A corner with a
-// NaN lane equals nothing, not even itself, and gets -1.
+// Numbers the distinct corner points in order of first occurrence, so that corners compare
+// as integers. A corner with a NaN lane equals nothing, not even itself, and gets -1.
+//
+// Corners of a mesh recur close together, so a small direct-mapped cache of recent points
+// answers most look-ups from the processor's cache; the table behind it holds a 32-bit tag
+// beside each number, so only a matching tag reads the point itself.
 std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
 {
     std::vector<int> ids(count, -1);
-    size_t capacity = 16;
-    while (capacity < count + count / 4)
+    struct Slot {
+        uint32_t tag;
+        int id; // -1 for an empty slot
+    };
+    size_t capacity = 1024;
+    while (capacity < count / 2)
         capacity *= 2;
-    const size_t mask = capacity - 1;
-    std::vector<int> table(capacity, -1);   // point number, -1 for an empty slot
-    std::vector<size_t> firstCorner;        // per point number: a corner holding it
-    firstCorner.reserve(count / 4 + 16);
+    std::vector<Slot> table(capacity, Slot{0, -1});
+    struct Key {
+        alignas(16) unsigned char bits[16];
+    };
+    std::vector<Key> keys; // per point number
+    keys.reserve(capacity / 2);
+
+    struct alignas(32) Recent {
+        __m128i key;
+        int id;
+    };
+    constexpr size_t kRecent = 1 << 14;
+    std::vector<Recent> recent(kRecent, Recent{_mm_setzero_si128(), -1});
+
+    auto grow = [&] {
+        capacity *= 2;
+        table.assign(capacity, Slot{0, -1});
+        for (size_t id = 0; id < keys.size(); ++id) {
+            const uint64_t h = hashBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[id].bits)));
+            size_t slot = h & (capacity - 1);
+            while (table[slot].id >= 0)
+                slot = (slot + 1) & (capacity - 1);
+            table[slot] = Slot{static_cast<uint32_t>(h >> 32), static_cast<int>(id)};
+        }
+    };
+
     for (size_t i = 0; i < count; ++i) {
         if (hasNaN(corners[i].m))
             continue;
         const __m128i key = canonicalBits(corners[i].m);
-        size_t slot = hashBits(key) & mask;
-        for (;;) {
-            const int id = table[slot];
-            if (id < 0) {
-                table[slot] = static_cast<int>(firstCorner.size());
-                ids[i] = table[slot];
-                firstCorner.push_back(i);
-                break;
-            }
-            if (sameBits(canonicalBits(corners[firstCorner[static_cast<size_t>(id)]].m), key)) {
-                ids[i] = id;
-                break;
-            }
-            slot = (slot + 1) & mask;
+        const uint64_t h = hashBits(key);
+        Recent& r = recent[(h >> 20) & (kRecent - 1)];
+        if (r.id >= 0 && sameBits(r.key, key)) {
+            ids[i] = r.id;
+            continue;
         }
+        const uint32_t tag = static_cast<uint32_t>(h >> 32);
+        size_t slot = h & (capacity - 1);
+        int id;
+        for (;;) {
+            const Slot s = table[slot];
+            if (s.id < 0) {
+                id = static_cast<int>(keys.size());
+                keys.emplace_back();
+                _mm_store_si128(reinterpret_cast<__m128i*>(keys.back().bits), key);
+                table[slot] = Slot{tag, id};
+                if (keys.size() * 2 > capacity)
+                    grow();
+                break;
+            }
+            if (s.tag == tag && sameBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[static_cast<size_t>(s.id)].bits)), key)) {
+                id = s.id;
+                break;
+            }
+            slot = (slot + 1) & (capacity - 1);
+        }
+        ids[i] = id;
+        r.key = key;
+        r.id = id;
     }
-    numPoints = static_cast<int>(firstCorner.size());
+    numPoints = static_cast<int>(keys.size());
     return ids;
 }
 
@@ -381,12 +425,9 @@ void CHTriangulation::CalcNeighbours()
 
     int numPoints = 0;
     const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
-    std::vector<int> neighbour;
-    {
-        qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
-        replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
-        neighbour = replay.Neighbours();
-    }
+    qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
+    replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
+    const std::vector<int>& neighbour = replay.Neighbours();
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) {
             const int u = neighbour[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];

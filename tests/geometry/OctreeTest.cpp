@@ -5,6 +5,8 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <random>
+#include <cmath>
 #include <vector>
 
 #include "qzsse/geometry/CHOctree.h"
@@ -227,4 +229,77 @@ TEST(Octree, DestructionReleasesEveryBlockOfEveryCell)
             head = nullptr;
     }
     EXPECT_EQ(blocks, 73 * 4 * 3);
+}
+
+namespace {
+
+// Every list of every cell, block by block, with each triangle's tag.
+std::vector<int> Snapshot(const CHOctree& tree, const CHTriangulation& mesh)
+{
+    std::vector<int> out;
+    for (int k = 0; k < tree.GetDepth(); ++k)
+        for (int j = 0; j < tree.GetLevelCount(k); ++j)
+            for (const qzsse::t_hoctreeentrybucket* b : tree.GetLevel(k)[j].pEntryList) {
+                out.push_back(-7);
+                for (; b; b = b->pNext)
+                    out.insert(out.end(), b->iIndex, b->iIndex + b->iCount);
+            }
+    for (int i = 0; i < mesh.GetNumTriangles(); ++i)
+        out.push_back(mesh.GetTriangle(i)->iTag);
+    return out;
+}
+
+} // namespace
+
+TEST(Octree, FastFilingMatchesSlotBySlotDescent)
+{
+    std::mt19937 rng(11);
+    // Corners on the cells' grid (shared faces), random sizes, outside the cube and NaN.
+    auto coord = [&](int kind) {
+        std::uniform_real_distribution<float> u(-0.5f, 8.5f);
+        switch (kind) {
+        case 0: return static_cast<float>(rng() % 33) * 0.25f;
+        case 1: return u(rng);
+        default: return rng() % 50 ? u(rng) * 0.1f + 4 : std::nanf("");
+        }
+    };
+    struct Case { int kind; bool prefill; bool editCell; };
+    const Case cases[] = {{0, false, false}, {1, false, false}, {2, true, false}, {0, true, true}, {1, false, true}};
+    for (const Case& c : cases) {
+        const int n = 3000;
+        CHTriangulation mesh(n, 1, 1, 1);
+        for (int i = 0; i < n; ++i) {
+            const float x = coord(c.kind), y = coord(c.kind), z = coord(c.kind);
+            const float d = static_cast<float>(rng() % 5) * 0.25f;
+            *mesh.GetTriangle(i)->pPoint[0] = P(x, y, z);
+            *mesh.GetTriangle(i)->pPoint[1] = P(x + d, y, z + d);
+            *mesh.GetTriangle(i)->pPoint[2] = P(x, y + d, z);
+        }
+        mesh.CalcSTV();
+        std::vector<int> results[2];
+        for (int direct = 0; direct < 2; ++direct) {
+            Cube8 cube;
+            if (c.prefill)
+                for (int i = 0; i < 23; ++i)
+                    cube.tree.AppendEntryToOctreeElement(cube.tree.GetLevel(2) + 9, 3, -i);
+            // A hand-moved cell, a missing link and a cell outside the tree's arrays.
+            t_hoctreeelement outside = cube.tree.GetLevel(2)[50];
+            if (c.editCell) {
+                cube.tree.GetLevel(2)[12].upperCorner.x += 0.5f;
+                cube.tree.GetLevel(1)[5].pChild[4] = nullptr;
+                cube.tree.GetLevel(1)[6].pChild[2] = &outside;
+            }
+            for (int i = 0; i < n; ++i)
+                mesh.GetTriangle(i)->iTag = -1;
+            qzsse::detail::g_bDirectOctreeFiling = direct == 1;
+            cube.tree.CalculateOctreeEntries(&mesh, 3);
+            cube.tree.CalculateOctreeEntries(&mesh, 3); // appends after a first filling
+            qzsse::detail::g_bDirectOctreeFiling = false;
+            results[direct] = Snapshot(cube.tree, mesh);
+            for (const qzsse::t_hoctreeentrybucket* b = outside.pEntryList[3]; b; b = b->pNext)
+                results[direct].insert(results[direct].end(), b->iIndex, b->iIndex + b->iCount);
+            cube.tree.RemoveAllEntriesFromOctreeElement(&outside);
+        }
+        EXPECT_EQ(results[0], results[1]) << c.kind << c.prefill << c.editCell;
+    }
 }

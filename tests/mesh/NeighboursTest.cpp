@@ -156,6 +156,24 @@ TEST(Neighbours, MatchPairwiseScanOnShuffledGridsWithZeroedSurplus)
     }
 }
 
+// A strip on fresh points (more points than the point numbering first makes room for),
+// then copies of random strip triangles, whose corners were last seen long before.
+TEST(Neighbours, MatchPairwiseScanWhenPointsRecurFarApart)
+{
+    std::mt19937 rng(5);
+    const int strip = 1100, copies = 200;
+    CHTriangulation mesh(strip + copies, 1, 1, 1);
+    for (int t = 0; t < strip; ++t)
+        for (int k = 0; k < 3; ++k)
+            setCorner(mesh, t, k, float(t + k), float((t + k) % 2), 0.5f);
+    for (int t = strip; t < strip + copies; ++t) {
+        const int s = int(rng() % strip), r = int(rng() % 3);
+        for (int k = 0; k < 3; ++k)
+            mesh.GetTriangles()[t].pPoint[k]->m = mesh.GetTriangles()[s].pPoint[(k + r) % 3]->m;
+    }
+    expectSameAsScan(mesh, "strip");
+}
+
 // The grid's interior edges link both ways, only triangles with a border edge stay listed
 // and those are tagged. A big block of zeroed records behind it: each takes the last record of the block,
 // the last one takes the one before it, and none ever fills up.
