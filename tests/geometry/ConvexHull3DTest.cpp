@@ -139,7 +139,8 @@ TEST(Hull3DPredicates, VolumeSignIsExactWhereSixtyFourBitProductsOverflow)
     }
     std::mt19937_64 rng(7);
     CHConvexHull3D hull;
-    const int bits[] = {20, 30, 41, 50, 62};
+    // 52 and 53 straddle the largest coordinates that double holds exactly.
+    const int bits[] = {20, 30, 41, 50, 52, 53, 62};
     for (int b : bits) {
         const long long range = (1LL << b) - 1;
         std::uniform_int_distribution<long long> any(-range, range);
