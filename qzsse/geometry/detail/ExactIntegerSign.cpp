@@ -202,13 +202,16 @@ int filteredDeterminantSign(const long long a[3], const long long b[3], const lo
 
 int OrientationSign3(const long long a[3], const long long b[3], const long long c[3], const long long p[3])
 {
-    const int filtered = filteredDeterminantSign(a, b, c, p);
-    if (filtered != 2)
-        return filtered;
 #if defined(QZSSE_HAVE_CHECKED_ARITHMETIC)
     long long det64;
     if (determinantIn(a, b, c, p, det64))
         return signOf(det64);
+#endif
+    // Cheaper than the wider integers when it decides, which is nearly always.
+    const int filtered = filteredDeterminantSign(a, b, c, p);
+    if (filtered != 2)
+        return filtered;
+#if defined(QZSSE_HAVE_CHECKED_ARITHMETIC)
 #if defined(__SIZEOF_INT128__)
     Int128 det128;
     if (determinantIn(a, b, c, p, det128))
