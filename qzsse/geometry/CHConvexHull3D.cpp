@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <iostream>
+#include <typeinfo>
 
+#include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
 #include "qzsse/geometry/detail/GridPointIndex.h"
 #include "qzsse/geometry/detail/HullConflictGraph.h"
@@ -388,18 +390,21 @@ void CHConvexHull3D::constructHullWithConflicts()
 
 void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
 {
+    std::size_t number = 0;
     tVertexStructure* v = m_pVertices;
     do {
         if (!v->bProcessed) {
             tFaceStructure* f = m_pFaces;
             do {
                 if (VolumeSign(f, v) < 0)
-                    graph.Link(v, f);
+                    graph.Link(v, number, f);
                 f = f->next;
             } while (f != m_pFaces);
+            ++number;
         }
         v = v->next;
     } while (v != m_pVertices);
+    graph.ResetMarks(number);
 }
 
 // AddOne on the faces p sees. Cone faces are made in edge-list order (the serial order), so
@@ -410,7 +415,7 @@ bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::Con
     step.visible.clear();
     step.horizon.clear();
     step.removed.clear();
-    for (const qzsse::detail::ConflictArc* a = p->conflicts; a; a = a->nextOfVertex) {
+    for (const qzsse::detail::ConflictArc* a = graph.ConflictsOf(p); a; a = a->nextOfVertex) {
         a->face->bVisible = true;
         step.visible.push_back(a->face);
     }
@@ -435,21 +440,32 @@ bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::Con
     std::sort(step.horizon.begin(), step.horizon.end(),
               [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
 
+    // This class's own VolumeSign is read from the coordinates the arcs carry; an override
+    // is called as it is.
+    const bool ownVolumeSign = typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
     for (tEdgeStructure* e : step.horizon) {
         tFaceStructure* cone = MakeConeFace(e, p);
         e->newface = cone;
         const bool firstVisible = e->adjface[0]->bVisible;
         tFaceStructure* gone = e->adjface[firstVisible ? 0 : 1];
         tFaceStructure* kept = e->adjface[firstVisible ? 1 : 0];
+        const long long corner[3][3] = {{cone->vertex[0]->x, cone->vertex[0]->y, cone->vertex[0]->z},
+                                        {cone->vertex[1]->x, cone->vertex[1]->y, cone->vertex[1]->z},
+                                        {cone->vertex[2]->x, cone->vertex[2]->y, cone->vertex[2]->z}};
+        const auto sees = [&](const qzsse::detail::ConflictArc* a) {
+            return ownVolumeSign ? qzsse::detail::OrientationSign3(corner[0], corner[1], corner[2], a->at) < 0
+                                 : VolumeSign(cone, a->vertex) < 0;
+        };
+        const unsigned long long stamp = graph.NextStamp();
         for (const qzsse::detail::ConflictArc* a = gone->conflicts; a; a = a->nextOfFace)
-            if (VolumeSign(cone, a->vertex) < 0)
-                graph.Link(a->vertex, cone);
-        // A point in both lists is linked at most once: its newest pair would be this cone.
-        for (const qzsse::detail::ConflictArc* a = kept->conflicts; a; a = a->nextOfFace) {
-            tVertexStructure* q = a->vertex;
-            if (!(q->conflicts && q->conflicts->face == cone) && VolumeSign(cone, q) < 0)
-                graph.Link(q, cone);
-        }
+            if (sees(a)) {
+                graph.Link(*a, cone);
+                graph.Mark(a->number) = stamp;
+            }
+        // A point in both lists is linked once.
+        for (const qzsse::detail::ConflictArc* a = kept->conflicts; a; a = a->nextOfFace)
+            if (graph.Mark(a->number) != stamp && sees(a))
+                graph.Link(*a, cone);
     }
     return true;
 }

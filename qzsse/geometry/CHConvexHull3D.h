@@ -25,7 +25,7 @@ struct tVertexStructure {
     bool bOnHull;
     bool bProcessed;
     bool bFlag;                     // the caller's flag given to AppendVertex2D
-    qzsse::detail::ConflictArc* conflicts;  // faces this point sees, until it is added
+    qzsse::detail::ConflictArc* conflicts;  // null: the construction keeps a point's conflicts aside
 };
 
 struct tEdgeStructure {

@@ -139,7 +139,8 @@ TEST(Hull3DPredicates, VolumeSignIsExactWhereSixtyFourBitProductsOverflow)
     }
     std::mt19937_64 rng(7);
     CHConvexHull3D hull;
-    const int bits[] = {20, 30, 41, 50, 62};
+    // 52 and 53 straddle the largest coordinates that double holds exactly.
+    const int bits[] = {20, 30, 41, 50, 52, 53, 62};
     for (int b : bits) {
         const long long range = (1LL << b) - 1;
         std::uniform_int_distribution<long long> any(-range, range);
@@ -458,4 +459,42 @@ TEST(Hull3DInput, DuplicateTestFollowsTheListAfterConstruction)
     EXPECT_EQ(At(hull.GetVertices()->prev), (Coord{2, 2, 2}));
     hull.AppendVertex3D(2, 2, 2, 1.0f);
     EXPECT_EQ(hull.CalcNumVertices(), 9);
+}
+
+// Larger inputs, where arcs are freed and reused many times over: random and clustered
+// plane points, and points in a ball.
+TEST(Hull3DConflicts, LargerInputsEqualTheFullScans)
+{
+    std::mt19937 rng(2024);
+    std::normal_distribution<float> blob(0.0f, 15.0f);
+    for (int kind = 0; kind < 2; ++kind) {
+        std::vector<std::pair<float, float>> pts(1500);
+        for (std::size_t i = 0; i < pts.size(); ++i) {
+            if (kind == 0) {
+                pts[i] = {float(rng() % 100000) / 10.0f, float(rng() % 100000) / 10.0f};
+            } else {
+                const float cx = float(i % 7) * 900.0f, cy = float(i % 5) * 700.0f;
+                pts[i] = {std::round((cx + blob(rng)) * 10.0f) / 10.0f, std::round((cy + blob(rng)) * 10.0f) / 10.0f};
+            }
+        }
+        ExpectSameBothWays<CH2DDelaunay, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (std::size_t i = 0; i < pts.size(); ++i)
+                    d.AppendVertex(pts[i].first, pts[i].second, int(i), false);
+            },
+            [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "plane", kind);
+    }
+    std::vector<std::array<float, 3>> ball;
+    std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
+    while (ball.size() < 1500) {
+        const std::array<float, 3> p{unit(rng), unit(rng), unit(rng)};
+        if (p[0] * p[0] + p[1] * p[1] + p[2] * p[2] <= 1.0f)
+            ball.push_back(p);
+    }
+    ExpectSameBothWays<CHConvexHull3D, FullScan<CHConvexHull3D>>(
+        [&](CHConvexHull3D& h) {
+            for (const auto& p : ball)
+                h.AppendVertex3D(p[0], p[1], p[2], 1e5f);
+        },
+        [](CHConvexHull3D& h) { h.CalcConvexHull(); }, "ball", 0);
 }

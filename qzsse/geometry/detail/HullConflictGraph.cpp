@@ -22,7 +22,7 @@ ConflictGraph::~ConflictGraph()
     }
 }
 
-void ConflictGraph::Link(tVertexStructure* v, tFaceStructure* f)
+ConflictArc* ConflictGraph::allocate()
 {
     ConflictArc* a = m_free;
     if (a) {
@@ -34,13 +34,38 @@ void ConflictGraph::Link(tVertexStructure* v, tFaceStructure* f)
         }
         a = &m_blocks.back()[m_usedInLastBlock++];
     }
-    a->vertex = v;
+    return a;
+}
+
+void ConflictGraph::Link(tVertexStructure* v, std::size_t number, tFaceStructure* f)
+{
+    if (number >= m_vertexHeads.size())
+        m_vertexHeads.resize(number + 1, nullptr);
+    m_numbers.emplace(v, number);
+    ConflictArc like{};
+    like.vertex = v;
+    like.at[0] = v->x;
+    like.at[1] = v->y;
+    like.at[2] = v->z;
+    like.number = number;
+    Link(like, f);
+}
+
+void ConflictGraph::Link(const ConflictArc& like, tFaceStructure* f)
+{
+    ConflictArc* a = allocate();
+    ConflictArc*& head = m_vertexHeads[like.number];
+    a->at[0] = like.at[0];
+    a->at[1] = like.at[1];
+    a->at[2] = like.at[2];
+    a->number = like.number;
+    a->vertex = like.vertex;
     a->face = f;
     a->prevOfVertex = nullptr;
-    a->nextOfVertex = v->conflicts;
-    if (v->conflicts)
-        v->conflicts->prevOfVertex = a;
-    v->conflicts = a;
+    a->nextOfVertex = head;
+    if (head)
+        head->prevOfVertex = a;
+    head = a;
     a->prevOfFace = nullptr;
     a->nextOfFace = f->conflicts;
     if (f->conflicts)
@@ -53,7 +78,7 @@ void ConflictGraph::unlink(ConflictArc* a)
     if (a->prevOfVertex)
         a->prevOfVertex->nextOfVertex = a->nextOfVertex;
     else
-        a->vertex->conflicts = a->nextOfVertex;
+        m_vertexHeads[a->number] = a->nextOfVertex;
     if (a->nextOfVertex)
         a->nextOfVertex->prevOfVertex = a->prevOfVertex;
     if (a->prevOfFace)
@@ -66,10 +91,19 @@ void ConflictGraph::unlink(ConflictArc* a)
     m_free = a;
 }
 
-void ConflictGraph::UnlinkVertex(tVertexStructure* v)
+const ConflictArc* ConflictGraph::ConflictsOf(const tVertexStructure* v) const
 {
-    while (v->conflicts)
-        unlink(v->conflicts);
+    const auto it = m_numbers.find(v);
+    return it == m_numbers.end() ? nullptr : m_vertexHeads[it->second];
+}
+
+void ConflictGraph::UnlinkVertex(const tVertexStructure* v)
+{
+    const auto it = m_numbers.find(v);
+    if (it == m_numbers.end())
+        return;
+    while (ConflictArc* a = m_vertexHeads[it->second])
+        unlink(a);
 }
 
 void ConflictGraph::UnlinkFace(tFaceStructure* f)
