@@ -4,7 +4,10 @@
 // optional GDAL no-data tag: the sample files of the height-image reader's tests and fuzz
 // corpus. Not a general TIFF writer.
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
+#include <type_traits>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -29,6 +32,8 @@ namespace detail {
 template <class T>
 void appendSample(std::vector<unsigned char>& out, double v)
 {
+    if constexpr (std::is_integral_v<T>)
+        v = std::clamp(v, static_cast<double>(std::numeric_limits<T>::min()), static_cast<double>(std::numeric_limits<T>::max()));
     const T t = static_cast<T>(v);
     unsigned char bytes[sizeof(T)];
     std::memcpy(bytes, &t, sizeof t);
@@ -48,7 +53,7 @@ inline void appendAs(const HeightTiffLayout& l, std::vector<unsigned char>& out,
 }
 } // namespace detail
 
-// values: row-major, width * height, converted to the sample type by a plain cast.
+// values: row-major, width * height; integer samples are clamped to their type's range.
 inline void WriteHeightTiff(const std::filesystem::path& path, uint32_t width, uint32_t height,
                             const std::vector<double>& values, const HeightTiffLayout& layout)
 {

@@ -18,6 +18,7 @@
 #include "qzsse/polygon/CSSE3dPolygon.h"
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "support/HeightTiffWriter.h"
 
 namespace fs = std::filesystem;
 
@@ -143,6 +144,39 @@ void payloadSeeds(const fs::path& root)
     writeBytes(root / "JpegPayload" / "grey8", buffer.GetData(), buffer.GetSize());
 }
 
+// Height TIFFs of the common kinds (16-bit integers with LZW and no-data, tiled doubles,
+// bytes) and a .npy grid; 16 x 16, the smallest the reader takes.
+void heightImageSeeds(const fs::path& root)
+{
+    using qzsse::support::HeightTiffLayout;
+    fs::create_directories(root / "HeightImage");
+    const uint32_t side = 16;
+    std::vector<double> grid(side * side);
+    for (uint32_t i = 0; i < grid.size(); ++i)
+        grid[i] = static_cast<double>(i % side) * 3.0 + static_cast<double>(i / side);
+    grid[17] = -32768.0;
+    const struct {
+        const char* name;
+        HeightTiffLayout layout;
+    } tiffs[] = {
+        {"int16-lzw-nodata.tif", {SAMPLEFORMAT_INT, 16, COMPRESSION_LZW, 0, 5, "-32768"}},
+        {"float64-tiled.tif", {SAMPLEFORMAT_IEEEFP, 64, COMPRESSION_ADOBE_DEFLATE, 16, 0, ""}},
+        {"uint8.tif", {SAMPLEFORMAT_UINT, 8, COMPRESSION_PACKBITS, 0, 16, ""}},
+    };
+    for (const auto& t : tiffs)
+        qzsse::support::WriteHeightTiff(root / "HeightImage" / t.name, side, side, grid, t.layout);
+
+    std::string header = "{'descr': '<f4', 'fortran_order': False, 'shape': (16, 16), }";
+    header.append((64 - (10 + header.size() + 1) % 64) % 64, ' ');
+    header += '\n';
+    std::string npy = std::string("\x93NUMPY\x01\x00", 8) + static_cast<char>(header.size()) + '\0' + header;
+    for (const double v : grid) {
+        const float f = static_cast<float>(v);
+        npy.append(reinterpret_cast<const char*>(&f), sizeof f);
+    }
+    writeBytes(root / "HeightImage" / "float32.npy", reinterpret_cast<const unsigned char*>(npy.data()), npy.size());
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -159,6 +193,7 @@ int main(int argc, char** argv)
         storeSeeds(root, scratch);
         polygonSeeds(root);
         payloadSeeds(root);
+        heightImageSeeds(root);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "%s\n", e.what());
         fs::remove_all(scratch);
