@@ -32,7 +32,7 @@ ctest --test-dir "$root/build/release" --output-on-failure -j "$jobs"
 
 echo "== sanitizer build (clang 14, ASan + UBSan) =="
 CXX=clang++-14 CC=clang-14 cmake -S "$root" -B "$root/build/sanitize-clang" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DQZSSE_SANITIZE=ON -DQZSSE_BUILD_BENCHMARKS=OFF -DQZSSE_BUILD_EXAMPLES=OFF
+  -DQZSSE_SANITIZE=ON -DQZSSE_BUILD_BENCHMARKS=OFF
 build_without_warnings "$root/build/sanitize-clang"
 ctest --test-dir "$root/build/sanitize-clang" --output-on-failure -j "$jobs"
 

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <set>
 #include <string>
 #include <unistd.h>
 
@@ -27,12 +29,19 @@ inline void UseFuzzLimits()
     (void)done;
 }
 
-// One scratch file per process, rewritten for every input.
+// One scratch file per process, rewritten for every input and removed at exit.
 inline std::string WriteScratchFile(const uint8_t* data, size_t size, const char* extension)
 {
+    static std::set<std::string> written;
     const char* dir = std::getenv("TMPDIR");
-    const std::string path = std::string(dir && *dir ? dir : "/tmp") + "/qzsse-fuzz-" + std::to_string(getpid())
-                             + extension;
+    const std::string path =
+        std::string(dir && *dir ? dir : "/tmp") + "/qzsse-fuzz-" + std::to_string(getpid()) + extension;
+    if (written.empty())
+        std::atexit([] {
+            for (const std::string& p : written)
+                std::remove(p.c_str());
+        });
+    written.insert(path);
     std::FILE* f = std::fopen(path.c_str(), "wb");
     if (f == nullptr)
         __builtin_trap();
