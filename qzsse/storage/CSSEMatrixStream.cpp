@@ -375,6 +375,9 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
             const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
             const RbArray<unsigned char> codes = decode(stream, 8, w, h);
             CSSEMatrix image;
+            // The writer's own pass images have its matrix's size; a reader's are bounded too.
+            if (codes.GetSize() > 0)
+                qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
             const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
             if (decoded)
                 image.deQuantize(*q, codes);

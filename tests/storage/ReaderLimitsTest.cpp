@@ -114,7 +114,7 @@ TEST(ReaderLimits, TheDefaultAdmitsTheTallestMatricesOfTheFormatAndTheCallerMove
     EXPECT_EQ(GetReaderLimits().maxDecodedBytes, ReaderLimits::c_ullDefaultMaxDecodedBytes);
 }
 
-TEST(ReaderLimits, PayloadsAboveTheDecodedLimitDecodeToNothingAndTheStreamReadsZeros)
+TEST(ReaderLimits, PassImagesAboveTheDecodedLimitDecodeToNothingAndAboveTheMatrixLimitAreRefused)
 {
     const DefaultLimitsAfter restore;
     const CSSEMatrix source = MatrixOf(16, 8, [](int x, int y) { return static_cast<float>(x * y); });
@@ -130,6 +130,27 @@ TEST(ReaderLimits, PayloadsAboveTheDecodedLimitDecodeToNothingAndTheStreamReadsZ
         else
             EXPECT_EQ(Pixels(back), std::vector<float>(16 * 8, 0.0f));
     }
+    // The same pass under a 2 x 2 header: the matrix is within a limit of 100 pixels, its
+    // 16 x 8 pass image (16 x 12 stored) is not.
+    Bytes small = bytes;
+    small[4] = 2;
+    small[8] = 2;
+    SetReaderLimits({100, 0});
+    CSSEMatrix refused;
+    try {
+        ReadStream(refused, small);
+        ADD_FAILURE() << "read without error";
+    } catch (const RbStreamException& e) {
+        EXPECT_NE(std::string(e.what()).find("pass image"), std::string::npos) << e.what();
+    }
+    // Within the limit the pass reaches the common part, as the full-size read has it.
+    SetReaderLimits({200, 0});
+    CSSEMatrix whole;
+    ReadStream(whole, bytes);
+    CSSEMatrix corner;
+    ReadStream(corner, small);
+    EXPECT_EQ(Pixels(corner), (std::vector<float>{whole.GetPoint(0, 0), whole.GetPoint(1, 0), whole.GetPoint(0, 1),
+                                                 whole.GetPoint(1, 1)}));
 }
 
 // 255 passes whose images cannot be decoded but claim the matrix's size: with zero as the
