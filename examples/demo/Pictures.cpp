@@ -11,9 +11,14 @@
 
 #include <png.h>
 
-#include "demo/PngErrors.h"
+#include "support/PngErrors.h"
 
 namespace qzsse::demo {
+
+using support::FileCloser;
+using support::pngError;
+using support::PngErrorState;
+using support::pngWarning;
 
 int PictureZoom(int width, int height)
 {

@@ -17,6 +17,7 @@
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/matrix/detail/RowMask.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
 namespace {
@@ -220,6 +221,7 @@ void CSSEMatrix::decodeCompressed(RbStreamReadBinary& stream, unsigned int versi
     unsigned int height = 0;
     const RbArray<unsigned char> codes = decode(stream, 8, width, height);
     // decode accepts no size beyond 31999 rows and its payload's bound, so both fit an int.
+    qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix image", width, height, stream.GetOffset());
     Create(static_cast<int>(width), static_cast<int>(height));
     deQuantize(*q, codes);
 }

@@ -20,6 +20,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
 namespace {
@@ -52,6 +53,7 @@ void checkStreamSize(const RbStreamReadBinary& stream, int width, int height, in
     if (width < 0 || height < 0 || height > kMaxStreamHeight)
         throw RbStreamException("CSSEMatrix: size " + std::to_string(width) + " x " + std::to_string(height)
                                 + " read before offset " + std::to_string(at) + " is not a matrix size");
+    CheckMatrixSizeWithinLimit("CSSEMatrix", width, height, at);
     const unsigned long long pixels = static_cast<unsigned long long>(width) * static_cast<unsigned long long>(height);
     unsigned long long needed = 0;
     if (method == 0)
@@ -127,6 +129,10 @@ inline __m128 equalsInvalid(__m128 t, __m128 invalid, __m128 invalidIsNaN)
 
 inline bool equalsInvalid(float t, float invalid) { return std::isnan(invalid) ? std::isnan(t) : t == invalid; }
 
+// Columns of each row already settled by failed passes: the union of their regions, all
+// anchored at (0, 0), is a staircase. Repeated failed passes then cost only their rows.
+using SettledStairs = std::vector<int>;
+
 // One pass of the residual coding, shared by writer and reader so that both follow the
 // same rule: where the element is not yet settled, the pass image is subtracted (writer,
 // from the residual) or added (reader, to the result); then every element where the pass
@@ -134,7 +140,7 @@ inline bool equalsInvalid(float t, float invalid) { return std::isnan(invalid) ?
 // imageWidth x imageHeight zeros (a payload the codecs could not decode); an image of
 // another size than acc only reaches their common part.
 void applyPass(CSSEMatrix& acc, CSSEMatrix& settled, const CSSEMatrix* image, unsigned imageWidth,
-               unsigned imageHeight, bool hasInvalid, float invalid, bool subtract)
+               unsigned imageHeight, bool hasInvalid, float invalid, bool subtract, SettledStairs& stairs)
 {
     if (image && image->GetSizeX() == acc.GetSizeX() && image->GetSizeY() == acc.GetSizeY()) {
         const __m128 zero = _mm_setzero_ps();
@@ -158,16 +164,32 @@ void applyPass(CSSEMatrix& acc, CSSEMatrix& settled, const CSSEMatrix* image, un
     }
     const int width = static_cast<int>(std::min<unsigned>(imageWidth, static_cast<unsigned>(acc.GetSizeX())));
     const int height = static_cast<int>(std::min<unsigned>(imageHeight, static_cast<unsigned>(acc.GetSizeY())));
-    for (int y = 0; y < height; ++y) {
-        for (int x = 0; x < width; ++x) {
-            const float tv = image ? image->GetPointUnsafe(x, y) : 0.0f;
-            float* a = acc.GetPointAddressUnsafe(x, y);
-            float* m = settled.GetPointAddressUnsafe(x, y);
-            if (*m == 0.0f)
-                *a = subtract ? *a - tv : *a + tv;
-            if (hasInvalid && equalsInvalid(tv, invalid))
-                *m = 1.0f;
+    if (image) {
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                const float tv = image->GetPointUnsafe(x, y);
+                float* a = acc.GetPointAddressUnsafe(x, y);
+                float* m = settled.GetPointAddressUnsafe(x, y);
+                if (*m == 0.0f)
+                    *a = subtract ? *a - tv : *a + tv;
+                if (hasInvalid && equalsInvalid(tv, invalid))
+                    *m = 1.0f;
+            }
         }
+        return;
+    }
+    // A pass of zeros leaves every value as it is (a - 0 is a; the reader's sum starts at
+    // +0 and so never holds -0, for which + 0 would change the sign), so it only settles
+    // its region when zero is the invalid value, and then only what no failed pass before
+    // it settled.
+    if (!hasInvalid || !equalsInvalid(0.0f, invalid))
+        return;
+    if (stairs.size() < static_cast<size_t>(height))
+        stairs.resize(static_cast<size_t>(height), 0);
+    for (int y = 0; y < height; ++y) {
+        for (int x = stairs[static_cast<size_t>(y)]; x < width; ++x)
+            *settled.GetPointAddressUnsafe(x, y) = 1.0f;
+        stairs[static_cast<size_t>(y)] = std::max(stairs[static_cast<size_t>(y)], width);
     }
 }
 
@@ -222,6 +244,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         CSSEMatrix residual(*this);
         CSSEMatrix settled;
         settled.Create(m_SizeX, m_SizeY);
+        qzsse::detail::SettledStairs failedPasses;
         for (unsigned int k = 0; k < passes; ++k) {
             // Intermediate passes code as finely as they can; only the last one applies
             // the requested quality and error bound. Invalid values travel in pass 0 only.
@@ -258,7 +281,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
             if (decoded)
                 image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, true);
+            qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, true,
+                                     failedPasses);
             payload.WriteBuffer(pass.GetData(), pass.GetSize());
         }
         error = qzsse::detail::maxAbsValue(residual);
@@ -325,7 +349,8 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
     }
     qzsse::detail::checkStreamSize(stream, width, height, method, passes);
 
-    if (m_Data == nullptr || width != m_SizeX || height != m_SizeY)
+    const bool created = m_Data == nullptr || width != m_SizeX || height != m_SizeY;
+    if (created)
         Create(width, height);
     m_CompressionParameters.m_eMethod = method;
 
@@ -335,9 +360,13 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
             qzsse::detail::readRawFloats(*this, stream);
     } else if (method >= 1 && method <= 3) {
         m_CompressionParameters.m_uiNumberOfPasses = passes;
-        Fill(0.0f);
+        if (!created)
+            Fill(0.0f);
+        // Without passes nothing is settled: no mask to allocate.
         CSSEMatrix settled;
-        settled.Create(m_SizeX, m_SizeY);
+        if (passes > 0)
+            settled.Create(m_SizeX, m_SizeY);
+        qzsse::detail::SettledStairs failedPasses;
         for (unsigned int k = 0; k < passes; ++k) {
             bool hasInvalid = false;
             float invalid = 0.0f;
@@ -346,10 +375,14 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
             const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
             const RbArray<unsigned char> codes = decode(stream, 8, w, h);
             CSSEMatrix image;
+            // The writer's own pass images have its matrix's size; a reader's are bounded too.
+            if (codes.GetSize() > 0)
+                qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
             const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
             if (decoded)
                 image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, false);
+            qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, false,
+                                     failedPasses);
         }
     } else if (method == 4) {
         decodeCCIT4(stream);

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 
@@ -5,6 +6,7 @@
 #include <jpeglib.h>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
 namespace {
@@ -76,7 +78,7 @@ bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
 DecodedImage DecodeJpeg(const unsigned char* data, size_t size)
 {
     DecodedImage image;
-    image.maxBytes = c_ullMaxDecodedBytesPerPayloadByte * size;
+    image.maxBytes = std::min(c_ullMaxDecodedBytesPerPayloadByte * size, MaxDecodedBytes());
     if (!readJpeg(data, size, image)) {
         image.pixels.clear();
         image.pixels.shrink_to_fit();

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csetjmp>
 #include <cstring>
 #include <new>
@@ -6,6 +7,7 @@
 #include <zlib.h>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
 namespace {
@@ -149,7 +151,7 @@ bool EncodePngGrey8(const unsigned char* pixels, unsigned int width, unsigned in
 DecodedImage DecodePng(const unsigned char* data, size_t size)
 {
     DecodedImage image;
-    image.maxBytes = c_ullMaxDecodedBytesPerPayloadByte * size;
+    image.maxBytes = std::min(c_ullMaxDecodedBytesPerPayloadByte * size, MaxDecodedBytes());
     if (!readPng(data, size, image)) {
         image.pixels.clear();
         image.pixels.shrink_to_fit();

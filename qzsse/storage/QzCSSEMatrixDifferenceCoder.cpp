@@ -131,7 +131,13 @@ protected:
             m_rest.ReadBuffer(out + done, size - done);
         return size;
     }
-    std::optional<unsigned long long> bytesRemaining() const override { return std::nullopt; }
+    std::optional<unsigned long long> bytesRemaining() const override
+    {
+        const std::optional<unsigned long long> rest = m_rest.GetBytesRemaining();
+        if (!rest)
+            return std::nullopt;
+        return *rest + (sizeof m_sizeItems - m_next);
+    }
 
 private:
     RbStreamReadBinary& m_rest;

@@ -5,6 +5,8 @@
 #include <tiffio.h>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
+#include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
 namespace {
@@ -160,7 +162,7 @@ bool readTiffFile(const unsigned char* data, size_t size, DecodedImage& image)
     file.size = size;
     // libtiff's working buffers grow with the width (the CCITT decoder keeps 8 bytes a
     // column); a damaged width must fail here rather than claim gigabytes.
-    TiffOptions options(static_cast<tmsize_t>(c_ullMaxDecodedTiffBytes));
+    TiffOptions options(static_cast<tmsize_t>(image.maxBytes));
     TiffHandle h;
     h.tiff = openTiff(file, "rm", options);
     if (h.tiff == nullptr)
@@ -218,7 +220,7 @@ bool EncodeTiffBilevelG4(const unsigned char* bits, unsigned int width, unsigned
 DecodedImage DecodeTiff(const unsigned char* data, size_t size)
 {
     DecodedImage image;
-    image.maxBytes = c_ullMaxDecodedTiffBytes;
+    image.maxBytes = std::min(c_ullMaxDecodedTiffBytes, MaxDecodedBytes());
     if (!readTiffFile(data, size, image)) {
         image.pixels.clear();
         image.pixels.shrink_to_fit();

@@ -70,8 +70,11 @@ TEST(ArchiveString, WritesWideFormAndReadsEveryForm)
         {"hello", {0xFF, 0xFF, 0xFF, 0x05, 0, 0, 0, 'h', 'e', 'l', 'l', 'o'}, false},
         {"hi", {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x02, 0, 0, 0, 0, 0, 0, 0, 'h', 'i'}, false},
     };
-    for (const auto& [text, bytes, written] : cases) {
-        if (written) {
+    // Named references rather than structured bindings: clang 14 cannot capture bindings.
+    for (const auto& c : cases) {
+        const CString& text = std::get<0>(c);
+        const Bytes& bytes = std::get<1>(c);
+        if (std::get<2>(c)) {
             EXPECT_TRUE(Stored([&](CArchive& ar) { ar << text; }) == bytes) << "length " << text.size();
         }
         Loaded(bytes, [&](CArchive& ar) {
@@ -93,8 +96,9 @@ TEST(ArchiveString, CorruptLengthThrowsStreamExceptionAtItsOffset)
         {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0x40}, "offset 0"},  // 2^62 bytes
         {{0xFF, 0xFE}, "offset 1"},                              // prefix cut short
     };
-    for (const auto& [bytes, where] : corrupt) {
-        Loaded(bytes, [&](CArchive& ar) {
+    for (const auto& c : corrupt) {
+        const char* where = c.second;
+        Loaded(c.first, [&](CArchive& ar) {
             CString text;
             const std::string error = StreamError([&] { ar >> text; });
             EXPECT_TRUE(Contains(error, where)) << error;

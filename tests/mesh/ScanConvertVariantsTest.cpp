@@ -90,7 +90,9 @@ TEST(ScanConvertVariants, YAreaDrawsOnlySamplesBetweenBounds)
 {
     PairMesh p;
     // Bounds are inclusive: the samples of the first triangle's lower leg lie at y = 2 exactly.
-    for (const auto& [lo, hi] : {std::pair{5.0f, 8.0f}, {2.0f, 2.0f}}) {
+    for (const auto& band : {std::pair{5.0f, 8.0f}, {2.0f, 2.0f}}) {
+        const float lo = band.first;
+        const float hi = band.second;
         auto inBand = [lo, hi](float y) { return lo <= y && y <= hi; };
         CSSEMatrix target;
         target.Create(p.g.w, p.g.h);

@@ -172,7 +172,8 @@ TEST(QuantizerDescription, WritesRangeFactorFlagAndInvalidValue)
         RbStreamWriteBinaryBuffer out;
         const auto q = m.createAndEncodeQuantizer(c.withInvalid, out);
         EXPECT_EQ(out.GetBytes(), c.expected) << c.what;
-        EXPECT_EQ(typeid(*q) == typeid(RyFloatingPointQuantizationUniformWithInvalid), c.withInvalid) << c.what;
+        const RyFloatingPointQuantization& quantizer = *q;
+        EXPECT_EQ(typeid(quantizer) == typeid(RyFloatingPointQuantizationUniformWithInvalid), c.withInvalid) << c.what;
     }
 }
 

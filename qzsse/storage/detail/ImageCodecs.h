@@ -25,6 +25,7 @@ struct DecodedImage {
 // spends less than a bit on an 8 x 8 block, so a PNG or JPEG payload of N bytes describes
 // at most 1032 * N bytes of pixels. A CCITT row of one colour costs one bit whatever its
 // width, so TIFF frames get an absolute bound instead: 256 MiB, a 46000 x 46000 mask.
+// Every bound is further capped by the caller's decoded payload limit (ReaderLimits.h).
 inline constexpr unsigned int c_uiMaxDecodedHeight = 31999;
 inline constexpr unsigned long long c_ullMaxDecodedBytesPerPayloadByte = 1032;
 inline constexpr unsigned long long c_ullMaxDecodedTiffBytes = 1ull << 28;

@@ -1,4 +1,4 @@
-#include "demo/HeightImageInput.h"
+#include "support/HeightImage.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,16 +8,17 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <cstdarg>
 #include <limits>
 #include <memory>
 
 #include <png.h>
 #include <tiffio.h>
 
-#include "demo/PngErrors.h"
+#include "support/PngErrors.h"
 #include "support/NpyReader.h"
 
-namespace qzsse::demo {
+namespace qzsse::support {
 namespace {
 
 namespace fs = std::filesystem;
@@ -55,7 +56,7 @@ void checkNpyHeader(const fs::path& path)
     const size_t lengthBytes = major == 1 ? 2 : 4;
     if (static_cast<size_t>(in.gcount()) < 8 + lengthBytes)
         throw InputError(path.string() + ": truncated .npy header");
-    const size_t headerLength = static_cast<size_t>(detail::npy::LittleEndian(prefix + 8, static_cast<int>(lengthBytes)));
+    const size_t headerLength = static_cast<size_t>(qzsse::detail::npy::LittleEndian(prefix + 8, static_cast<int>(lengthBytes)));
     if (headerLength > 65536)
         throw InputError(path.string() + ": implausible .npy header length");
     const size_t headerStart = 8 + lengthBytes;
@@ -66,7 +67,7 @@ void checkNpyHeader(const fs::path& path)
     if (static_cast<size_t>(in.gcount()) != headerLength)
         throw InputError(path.string() + ": truncated .npy header");
 
-    const std::string shape = detail::npy::DictValue(header, "shape");
+    const std::string shape = qzsse::detail::npy::DictValue(header, "shape");
     if (shape.size() < 2 || shape.front() != '(' || shape.back() != ')')
         throw InputError(path.string() + ": cannot read the .npy shape");
     std::vector<long long> sides;
@@ -89,7 +90,7 @@ void checkNpyHeader(const fs::path& path)
                          + "; a height image must be 2-D (rows, columns)");
     checkSides(sides[1], sides[0], path.string());
 
-    const std::string descr = detail::npy::DictValue(header, "descr");
+    const std::string descr = qzsse::detail::npy::DictValue(header, "descr");
     const long long elementBytes = descr == "'<i2'" ? 2 : descr == "'<f4'" ? 4 : descr == "'<f8'" ? 8 : 0;
     if (elementBytes == 0)
         throw InputError(path.string() + ": unsupported .npy element type " + descr
@@ -107,9 +108,9 @@ void checkNpyHeader(const fs::path& path)
 HeightImage loadNpy(const fs::path& path)
 {
     checkNpyHeader(path);
-    detail::NpyGrid grid;
+    qzsse::detail::NpyGrid grid;
     try {
-        grid = detail::ReadNpy(path);
+        grid = qzsse::detail::ReadNpy(path);
     } catch (const std::runtime_error& e) {
         throw InputError(e.what());
     }
@@ -194,41 +195,138 @@ HeightImage loadPng(const fs::path& path)
 
 // --- TIFF -------------------------------------------------------------------------------------
 
-thread_local std::string t_tiffError;
+// GDAL keeps the no-data value as ASCII text in a private tag, which libtiff must be told
+// about before it opens a file, or it drops the tag as unknown.
+constexpr ttag_t kGdalNoDataTag = TIFFTAG_GDAL_NODATA;
+TIFFExtendProc g_parentExtender = nullptr;
 
-void tiffError(const char* module, const char* format, va_list args)
+void addNoDataTag(TIFF* tif)
 {
-    char buffer[512];
-    std::vsnprintf(buffer, sizeof buffer, format, args);
-    if (t_tiffError.empty())
-        t_tiffError = std::string(module ? module : "TIFF") + ": " + buffer;
+    static const TIFFFieldInfo noData[] = {
+        {kGdalNoDataTag, -1, -1, TIFF_ASCII, FIELD_CUSTOM, 1, 0, const_cast<char*>("GDALNoDataValue")}};
+    TIFFMergeFieldInfo(tif, noData, 1);
+    if (g_parentExtender)
+        g_parentExtender(tif);
 }
+
+void registerNoDataTag()
+{
+    static const bool registered = [] {
+        g_parentExtender = TIFFSetTagExtender(addNoDataTag);
+        return true;
+    }();
+    (void)registered;
+}
+
+// libtiff's messages for one handle: the first error is kept for the exception.
+int keepTiffError(TIFF*, void* user, const char* module, const char* format, va_list args)
+{
+    auto* error = static_cast<std::string*>(user);
+    if (error->empty()) {
+        char buffer[512];
+        std::vsnprintf(buffer, sizeof buffer, format, args);
+        *error = std::string(module ? module : "TIFF") + ": " + buffer;
+    }
+    return 1;
+}
+int ignoreTiffWarning(TIFF*, void*, const char*, const char*, va_list) { return 1; }
 
 struct TiffCloser {
     void operator()(TIFF* t) const { TIFFClose(t); }
 };
+struct TiffOptionsFree {
+    void operator()(TIFFOpenOptions* o) const { TIFFOpenOptionsFree(o); }
+};
+
+// A sample of the file's type at p, as a double (exact for every supported type).
+using SampleReader = double (*)(const unsigned char* p);
+template <class T>
+double readSample(const unsigned char* p)
+{
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return static_cast<double>(v);
+}
+
+SampleReader sampleReader(uint16_t format, uint16_t bits)
+{
+    if (format == SAMPLEFORMAT_UINT) {
+        switch (bits) {
+        case 8: return readSample<uint8_t>;
+        case 16: return readSample<uint16_t>;
+        case 32: return readSample<uint32_t>;
+        }
+    } else if (format == SAMPLEFORMAT_INT) {
+        switch (bits) {
+        case 8: return readSample<int8_t>;
+        case 16: return readSample<int16_t>;
+        case 32: return readSample<int32_t>;
+        }
+    } else if (format == SAMPLEFORMAT_IEEEFP) {
+        switch (bits) {
+        case 32: return readSample<float>;
+        case 64: return readSample<double>;
+        }
+    }
+    return nullptr;
+}
+
+std::string sampleName(uint16_t format, uint16_t bits)
+{
+    const char* kind = format == SAMPLEFORMAT_IEEEFP ? "float" : format == SAMPLEFORMAT_INT ? "signed integer" : "unsigned integer";
+    return std::to_string(bits) + "-bit " + kind;
+}
+
+// The tag's text as a number; a tag that does not parse as one is ignored, as GDAL does.
+bool parseNoData(const char* text, double& value)
+{
+    if (text == nullptr)
+        return false;
+    char* end = nullptr;
+    value = std::strtod(text, &end);
+    if (end == text)
+        return false;
+    while (std::isspace(static_cast<unsigned char>(*end)))
+        ++end;
+    return *end == '\0';
+}
 
 HeightImage loadTiff(const fs::path& path)
 {
-    TIFFSetErrorHandler(tiffError);
-    TIFFSetWarningHandler(nullptr);
-    t_tiffError.clear();
-    std::unique_ptr<TIFF, TiffCloser> tif(TIFFOpen(path.c_str(), "r"));
+    registerNoDataTag();
+    std::string error;
+    std::unique_ptr<TIFFOpenOptions, TiffOptionsFree> options(TIFFOpenOptionsAlloc());
+    if (!options)
+        throw std::bad_alloc();
+    TIFFOpenOptionsSetErrorHandlerExtR(options.get(), keepTiffError, &error);
+    TIFFOpenOptionsSetWarningHandlerExtR(options.get(), ignoreTiffWarning, nullptr);
+    // A strip or tile of the largest accepted image in 64-bit samples; more is damage.
+    TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), tmsize_t{8} * kMaxSide * kMaxSide);
+    std::unique_ptr<TIFF, TiffCloser> tif(TIFFOpenExt(path.c_str(), "r", options.get()));
     if (!tif)
-        throw InputError("cannot read " + path.string() + " as TIFF"
-                         + (t_tiffError.empty() ? std::string() : " (" + t_tiffError + ")"));
+        throw InputError("cannot read " + path.string() + " as TIFF" + (error.empty() ? std::string() : " (" + error + ")"));
+    TIFF* t = tif.get();
     uint32_t width = 0, height = 0;
-    uint16_t samples = 1, bits = 0, format = SAMPLEFORMAT_UINT;
-    TIFFGetField(tif.get(), TIFFTAG_IMAGEWIDTH, &width);
-    TIFFGetField(tif.get(), TIFFTAG_IMAGELENGTH, &height);
-    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLESPERPIXEL, &samples);
-    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_BITSPERSAMPLE, &bits);
-    TIFFGetFieldDefaulted(tif.get(), TIFFTAG_SAMPLEFORMAT, &format);
-    if (samples != 1 || bits != 32 || format != SAMPLEFORMAT_IEEEFP)
+    uint16_t samples = 1, bits = 1, format = SAMPLEFORMAT_UINT;
+    TIFFGetField(t, TIFFTAG_IMAGEWIDTH, &width);
+    TIFFGetField(t, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLESPERPIXEL, &samples);
+    TIFFGetFieldDefaulted(t, TIFFTAG_BITSPERSAMPLE, &bits);
+    TIFFGetFieldDefaulted(t, TIFFTAG_SAMPLEFORMAT, &format);
+    const SampleReader read = samples == 1 ? sampleReader(format, bits) : nullptr;
+    if (read == nullptr)
         throw InputError(path.string() + " has " + std::to_string(samples) + " sample(s) of " + std::to_string(bits)
                          + " bits, format " + std::to_string(format)
-                         + "; a height TIFF must hold one 32-bit float sample per pixel");
+                         + "; a height TIFF must hold one sample per pixel: 8, 16 or 32-bit integers "
+                           "(signed or unsigned) or 32 or 64-bit floats");
     checkSides(width, height, path.string());
+    const size_t sampleBytes = bits / 8u;
+    char* noDataText = nullptr;
+    double noData = 0.0;
+    const bool hasNoData = TIFFGetField(t, kGdalNoDataTag, &noDataText) == 1 && parseNoData(noDataText, noData);
+    // The text is compared at the samples' precision: "-3.4e38" names a float sample.
+    if (format == SAMPLEFORMAT_IEEEFP && bits == 32)
+        noData = static_cast<double>(static_cast<float>(noData));
 
     HeightImage image;
     image.width = static_cast<int>(width);
@@ -236,38 +334,59 @@ HeightImage loadTiff(const fs::path& path)
     image.values.assign(static_cast<size_t>(width) * height, 0.0f);
     auto fail = [&](const char* what) {
         return InputError(path.string() + ": damaged or truncated TIFF (" + what
-                          + (t_tiffError.empty() ? std::string() : ", " + t_tiffError) + ")");
+                          + (error.empty() ? std::string() : ", " + error) + ")");
     };
-    if (TIFFIsTiled(tif.get())) {
+    // Copies a block of samples (rows of blockWidth) whose top left pixel is (x0, y0),
+    // clipped to the image.
+    const auto place = [&](const std::vector<unsigned char>& block, uint32_t blockWidth, uint32_t blockRows,
+                           uint32_t x0, uint32_t y0) {
+        for (uint32_t y = y0; y < std::min(height, y0 + blockRows); ++y)
+            for (uint32_t x = x0; x < std::min(width, x0 + blockWidth); ++x) {
+                const double v = read(block.data() + (static_cast<size_t>(y - y0) * blockWidth + (x - x0)) * sampleBytes);
+                image.values[static_cast<size_t>(y) * width + x] =
+                    hasNoData && (v == noData || (std::isnan(v) && std::isnan(noData)))
+                        ? std::numeric_limits<float>::quiet_NaN()
+                        : static_cast<float>(v);
+            }
+    };
+    if (TIFFIsTiled(t)) {
         uint32_t tileW = 0, tileH = 0;
-        TIFFGetField(tif.get(), TIFFTAG_TILEWIDTH, &tileW);
-        TIFFGetField(tif.get(), TIFFTAG_TILELENGTH, &tileH);
+        TIFFGetField(t, TIFFTAG_TILEWIDTH, &tileW);
+        TIFFGetField(t, TIFFTAG_TILELENGTH, &tileH);
         if (tileW == 0 || tileH == 0 || tileW > 4096 || tileH > 4096
-            || TIFFTileSize64(tif.get()) != static_cast<uint64_t>(tileW) * tileH * 4)
+            || TIFFTileSize64(t) != static_cast<uint64_t>(tileW) * tileH * sampleBytes)
             throw fail("unusable tile layout");
-        std::vector<float> tile(static_cast<size_t>(tileW) * tileH);
+        std::vector<unsigned char> tile(static_cast<size_t>(tileW) * tileH * sampleBytes);
         for (uint32_t ty = 0; ty < height; ty += tileH)
             for (uint32_t tx = 0; tx < width; tx += tileW) {
-                if (TIFFReadTile(tif.get(), tile.data(), tx, ty, 0, 0) < 0)
+                if (TIFFReadTile(t, tile.data(), tx, ty, 0, 0) < 0)
                     throw fail("tile read failed");
-                for (uint32_t y = ty; y < std::min(height, ty + tileH); ++y)
-                    for (uint32_t x = tx; x < std::min(width, tx + tileW); ++x)
-                        image.values[static_cast<size_t>(y) * width + x] = tile[static_cast<size_t>(y - ty) * tileW + (x - tx)];
+                place(tile, tileW, tileH, tx, ty);
             }
     } else {
-        if (TIFFScanlineSize64(tif.get()) != static_cast<uint64_t>(width) * 4)
+        uint32_t rowsPerStrip = height;
+        TIFFGetFieldDefaulted(t, TIFFTAG_ROWSPERSTRIP, &rowsPerStrip);
+        rowsPerStrip = std::clamp<uint32_t>(rowsPerStrip, 1, height);
+        const size_t rowBytes = static_cast<size_t>(width) * sampleBytes;
+        if (TIFFScanlineSize64(t) != rowBytes)
             throw fail("unexpected scanline size");
-        for (uint32_t y = 0; y < height; ++y)
-            if (TIFFReadScanline(tif.get(), image.values.data() + static_cast<size_t>(y) * width, y, 0) < 0)
-                throw fail("row read failed");
+        std::vector<unsigned char> strip(rowBytes * rowsPerStrip);
+        for (uint32_t y = 0; y < height; y += rowsPerStrip) {
+            const uint32_t rows = std::min(rowsPerStrip, height - y);
+            const tmsize_t got = TIFFReadEncodedStrip(t, TIFFComputeStrip(t, y, 0), strip.data(),
+                                                      static_cast<tmsize_t>(rowBytes * rows));
+            if (got < static_cast<tmsize_t>(rowBytes * rows))
+                throw fail("strip read failed");
+            place(strip, width, rows, 0, y);
+        }
     }
-    if (!t_tiffError.empty())
+    if (!error.empty())
         throw fail("read error");
-    image.format = "32-bit float TIFF";
+    image.format = sampleName(format, bits) + " TIFF";
     return image;
 }
 
-// No-data samples become the lowest real height; the library's range scans are seeded
+// No-data samples become the lowest valid height; the library's range scans are seeded
 // at +-1e6, so heights beyond that would be reported wrongly and are refused.
 void cleanValues(HeightImage& image, const fs::path& path)
 {
@@ -312,4 +431,4 @@ HeightImage LoadHeightImage(const std::filesystem::path& path)
     return image;
 }
 
-} // namespace qzsse::demo
+} // namespace qzsse::support

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <png.h>
 
-namespace qzsse::demo {
+namespace qzsse::support {
 
 // libpng reports errors through a callback that must not return: the message is kept for
 // the caller's exception and control goes back to its setjmp.
@@ -18,11 +18,11 @@ struct PngErrorState {
     png_longjmp(png, 1);
 }
 
-// The demo reports failures only; libpng's warnings are not shown.
+// Only failures are reported; libpng's warnings are not shown.
 inline void pngWarning(png_structp, png_const_charp) {}
 
 struct FileCloser {
     void operator()(std::FILE* f) const { std::fclose(f); }
 };
 
-} // namespace qzsse::demo
+} // namespace qzsse::support
