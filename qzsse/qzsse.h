@@ -35,6 +35,7 @@
 #include "qzsse/matrix/QzCSSEMatrixIterator.h"
 
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
+#include "qzsse/storage/ReaderLimits.h"
 
 #include "qzsse/contour/CPixelChain.h"
 
