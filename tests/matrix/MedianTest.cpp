@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "matrix/OpenCvUtil.h"
+#include "matrix/OpenCvBridge.h"
 #include "qzsse/matrix/CFilters.h"
 
 using namespace qzsse::test;

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
-#include "matrix/OpenCvUtil.h"
+#include "matrix/OpenCvBridge.h"
 #include "qzsse/base/RbThreadPool.h"
 
 using namespace qzsse::test;

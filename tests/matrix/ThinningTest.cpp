@@ -4,7 +4,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/ximgproc.hpp>
 
-#include "matrix/OpenCvUtil.h"
+#include "matrix/OpenCvBridge.h"
 
 using namespace qzsse::test;
 
