@@ -17,6 +17,7 @@
 #include "base/BaseTestUtil.h"
 #include "matrix/MatrixTestUtil.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
+#include "qzsse/polygon/detail/RasterCommon.h"
 
 struct P3 {
     float x, y, z;
@@ -152,9 +153,11 @@ inline Window FineWindow(CSSE3dPolygon& p, int width, int height, float yMin, fl
     p.CalcBoundingBox();
     float minX, minY, minZ, maxX, maxY, maxZ;
     p.GetBoundingBox3D(minX, minY, minZ, maxX, maxY, maxZ);
-    const int yLo = std::min(std::max(static_cast<int>(minY), static_cast<int>(yMin)), static_cast<int>(maxY));
-    const int yHi = std::max(yLo, std::min(static_cast<int>(maxY), static_cast<int>(yMax)));
-    return {std::clamp(static_cast<int>(minX), 0, width - 1) - 5, std::clamp(static_cast<int>(maxX), 0, width - 1) + 4,
+    // Boxes of far-away or huge polygons do not fit an int; truncate as the fills do.
+    using qzsse::detail::truncToInt;
+    const int yLo = std::min(std::max(truncToInt(minY), truncToInt(yMin)), truncToInt(maxY));
+    const int yHi = std::max(yLo, std::min(truncToInt(maxY), truncToInt(yMax)));
+    return {std::clamp(truncToInt(minX), 0, width - 1) - 5, std::clamp(truncToInt(maxX), 0, width - 1) + 4,
             std::clamp(yLo, 0, height - 1) - 5, std::clamp(yHi, 0, height - 1) + 4};
 }
 
