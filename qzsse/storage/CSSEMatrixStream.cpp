@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 #include <xmmintrin.h>
 
@@ -20,6 +22,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/PassDecoding.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
@@ -216,6 +219,15 @@ float maxAbsValue(const CSSEMatrix& m)
     return std::max(std::fabs(smallest), std::fabs(largest));
 }
 
+// True when a reader would decode this PNG payload of a width x height image (its size within
+// the bounds of the PNG decoder) and so see exactly the codes it was written from.
+bool pngPassReadable(size_t pngBytes, unsigned width, unsigned height)
+{
+    const unsigned long long maxBytes =
+        std::min(c_ullMaxDecodedBytesPerPayloadByte * static_cast<unsigned long long>(pngBytes), MaxDecodedBytes());
+    return DecodedSizeAllowed(width, height, 8, maxBytes);
+}
+
 [[noreturn]] void throwCodecWroteNothing(const char* what)
 {
     throw std::runtime_error(std::string("CSSEMatrix::Serialize: the image codec produced no ") + what
@@ -257,10 +269,27 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             params.m_bUseInvalidValue = k == 0 && own.m_bUseInvalidValue;
 
             RbStreamWriteBinaryBuffer pass;
-            if (method == 1 || (method == 3 && k > 0))
+            // A PNG pass is lossless: when a reader would decode it, its codes are those
+            // just written and need no decode. Otherwise (nothing written, a size the
+            // decoder refuses) the pass is decoded as a reader would.
+            RbArray<unsigned char> written;
+            bool writtenReadable = false;
+            if (method == 1 || (method == 3 && k > 0)) {
                 residual.encodeJPEG(pass);
-            else
+            } else if (qzsse::detail::g_bDirectPassDecoding) {
                 residual.encodePNG(pass);
+            } else {
+                const std::unique_ptr<RyFloatingPointQuantization> used =
+                    residual.createAndEncodeQuantizer(params.m_bUseInvalidValue, pass);
+                const size_t headerBytes = pass.GetSize();
+                written = residual.quantize(*used);
+                residual.encode(written, pass, qzsse::ImageContainer::Png, 8, nullptr);
+                // The count of 4 bytes precedes the PNG file.
+                writtenReadable = pass.GetSize() > headerBytes + 4
+                                  && qzsse::detail::pngPassReadable(pass.GetSize() - headerBytes - 4,
+                                                                    static_cast<unsigned>(m_SizeX),
+                                                                    static_cast<unsigned>(m_SizeY));
+            }
 
             // The residual is updated with what a reader will reconstruct, not with what
             // was meant to be coded.
@@ -273,7 +302,13 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             RbArray<unsigned char> codes;
             try {
                 q = createQuantizer(back, c_uiStreamVersion, hasInvalid, invalid);
-                codes = decode(back, 8, w, h);
+                if (writtenReadable) {
+                    codes = std::move(written);
+                    w = static_cast<unsigned>(m_SizeX);
+                    h = static_cast<unsigned>(m_SizeY);
+                } else {
+                    codes = decode(back, 8, w, h);
+                }
             } catch (const RbStreamException&) {
                 qzsse::detail::throwCodecWroteNothing("pass image");
             }

@@ -11,7 +11,9 @@
 
 #include "qzsse/base/CArchive.h"
 #include "qzsse/base/CFile.h"
+#include "qzsse/storage/ReaderLimits.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/PassDecoding.h"
 #include "storage/StorageTestUtil.h"
 
 using namespace qzsse::storagetest;
@@ -293,6 +295,45 @@ TEST(MatrixStreamPasses, PassCountsUpTo255WorkAndLargerOnesAreRefused)
     tooMany[14] = 1;
     CSSEMatrix back;
     EXPECT_THROW(ReadStream(back, tooMany), RbStreamException);
+}
+
+TEST(MatrixStreamPasses, ReusingTheCodesOfPngPassesWritesWhatDecodingThemWrites)
+{
+    struct Case {
+        float invalid;   // 0: no invalid value in use
+        bool fixedRange;
+        unsigned long long maxDecodedBytes;   // 0: default; 64 makes the decoder refuse every pass
+    };
+    const Case cases[] = {{0.0f, false, 0}, {-9.5f, false, 0}, {kNaN, false, 0},  {0.0f, true, 0},
+                          {kNaN, true, 0},  {0.0f, false, 64}, {-9.5f, true, 64}};
+    for (const Case& c : cases) {
+        qzsse::SetReaderLimits({0, c.maxDecodedBytes});
+        CSSEMatrix surface = Surface(13, 11, 7);
+        for (int y = 0; y < 11; ++y)
+            for (int x = 0; x < 13; ++x)
+                if (c.invalid != 0.0f && (x * 3 + y) % 5 == 0)
+                    surface.SetPointUnsafe(x, y, c.invalid);
+        auto& p = surface.GetCompressionParameters();
+        p.m_bUseInvalidValue = c.invalid != 0.0f;
+        p.m_fInvalidValue = c.invalid;
+        p.m_bUseFixedRange = c.fixedRange;
+        p.m_fRangeMin = 0.0f;
+        p.m_fRangeMax = 60.0f;
+        for (int method : {2, 3})
+            for (unsigned passes : {1u, 2u, 3u, 4u})
+                for (float bound : {0.0f, 0.5f}) {
+                    const CSSEMatrix m = Coded(surface, method, passes, bound);
+                    qzsse::detail::g_bDirectPassDecoding = true;
+                    const Bytes direct = StreamBytes(m);
+                    const float directError = m.GetMaxAbsCompressionError();
+                    qzsse::detail::g_bDirectPassDecoding = false;
+                    const Bytes reused = StreamBytes(m);
+                    EXPECT_EQ(reused, direct) << c.invalid << " " << c.fixedRange << " " << c.maxDecodedBytes << " "
+                                              << method << " " << passes << " " << bound;
+                    EXPECT_TRUE(SameValue(m.GetMaxAbsCompressionError(), directError));
+                }
+    }
+    qzsse::SetReaderLimits({});
 }
 
 TEST(MatrixStreamTwoLevel, CodesTheMeanOfTheValidElementsAndTheInvalidPlane)
