@@ -41,6 +41,28 @@ t_hoctreeentrybucket* newBucket(int index)
     return bucket;
 }
 
+// Appends index to a list's last bucket, or to a new bucket after it when it is full;
+// returns the bucket that holds index.
+t_hoctreeentrybucket* appendToBucket(t_hoctreeentrybucket* last, int index)
+{
+    if (last->iCount < 9) {
+        last->iIndex[last->iCount++] = index;
+        return last;
+    }
+    return last->pNext = newBucket(index);
+}
+
+// Appends index to the list at head, walking to its last bucket.
+t_hoctreeentrybucket* appendToList(t_hoctreeentrybucket*& head, int index)
+{
+    if (!head)
+        return head = newBucket(index);
+    t_hoctreeentrybucket* last = head;
+    while (last->pNext)
+        last = last->pNext;
+    return appendToBucket(last, index);
+}
+
 void releaseBuckets(t_hoctreeentrybucket* bucket)
 {
     while (bucket) {
@@ -332,39 +354,10 @@ private:
 
     void append(t_hoctreeelement* cell, FilingCell* state, int index)
     {
-        if (!state) {
-            appendWalking(cell, index);
-            return;
-        }
-        if (!state->tail) {
-            t_hoctreeentrybucket* bucket = cell->pEntryList[m_list];
-            if (!bucket) {
-                state->tail = cell->pEntryList[m_list] = newBucket(index);
-                return;
-            }
-            while (bucket->pNext)
-                bucket = bucket->pNext;
-            state->tail = bucket;
-        }
-        if (state->tail->iCount < 9)
-            state->tail->iIndex[state->tail->iCount++] = index;
+        if (!state)
+            appendToList(cell->pEntryList[m_list], index);
         else
-            state->tail = state->tail->pNext = newBucket(index);
-    }
-
-    void appendWalking(t_hoctreeelement* cell, int index)
-    {
-        t_hoctreeentrybucket* bucket = cell->pEntryList[m_list];
-        if (!bucket) {
-            cell->pEntryList[m_list] = newBucket(index);
-            return;
-        }
-        while (bucket->pNext)
-            bucket = bucket->pNext;
-        if (bucket->iCount < 9)
-            bucket->iIndex[bucket->iCount++] = index;
-        else
-            bucket->pNext = newBucket(index);
+            state->tail = state->tail ? appendToBucket(state->tail, index) : appendToList(cell->pEntryList[m_list], index);
     }
 
     t_hoctreeelement* m_levels[100] = {};
@@ -429,17 +422,7 @@ void CHOctree::AppendEntryToOctreeElement(t_hoctreeelement* cell, int list, int 
 {
     if (!cell || !validList(list))
         return;
-    t_hoctreeentrybucket* bucket = cell->pEntryList[list];
-    if (!bucket) {
-        cell->pEntryList[list] = newBucket(index);
-        return;
-    }
-    while (bucket->pNext)
-        bucket = bucket->pNext;
-    if (bucket->iCount < 9)
-        bucket->iIndex[bucket->iCount++] = index;
-    else
-        bucket->pNext = newBucket(index);
+    appendToList(cell->pEntryList[list], index);
 }
 
 int CHOctree::GetEntryFromOctreeElement(t_hoctreeelement* cell, int list, int n)
