@@ -326,6 +326,6 @@ private:
     void releaseDetachedArrays();
     // Takes over other's arrays and count, giving it this object's; records stay.
     void swapPoints(CSSE3dPolygon& other);
-    // Copies the six arrays of the listed points of other into this polygon, freshly created.
-    void copySelectedPoints(const CSSE3dPolygon& other, const int* indices, int count);
+    // Keeps only the listed points (ascending indices), in fresh arrays; the box is stale then.
+    void keepSelectedPoints(const std::vector<int>& kept);
 };

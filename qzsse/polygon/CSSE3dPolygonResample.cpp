@@ -23,18 +23,21 @@ void CSSE3dPolygon::swapPoints(CSSE3dPolygon& other)
     std::swap(m_nNumPoints, other.m_nNumPoints);
 }
 
-void CSSE3dPolygon::copySelectedPoints(const CSSE3dPolygon& other, const int* indices, int count)
+void CSSE3dPolygon::keepSelectedPoints(const std::vector<int>& kept)
 {
-    Create(count);
-    for (int j = 0; j < count; ++j) {
-        const int i = indices[j];
-        m_pX[j] = other.m_pX[i];
-        m_pY[j] = other.m_pY[i];
-        m_pZ[j] = other.m_pZ[i];
-        m_pXNorm[j] = other.m_pXNorm[i];
-        m_pYNorm[j] = other.m_pYNorm[i];
-        m_pZNorm[j] = other.m_pZNorm[i];
+    CSSE3dPolygon result;
+    result.Create(static_cast<int>(kept.size()));
+    for (size_t j = 0; j < kept.size(); ++j) {
+        const int i = kept[j];
+        result.m_pX[j] = m_pX[i];
+        result.m_pY[j] = m_pY[i];
+        result.m_pZ[j] = m_pZ[i];
+        result.m_pXNorm[j] = m_pXNorm[i];
+        result.m_pYNorm[j] = m_pYNorm[i];
+        result.m_pZNorm[j] = m_pZNorm[i];
     }
+    swapPoints(result);
+    m_bBoundingBoxCalculated = false;
 }
 
 void CSSE3dPolygon::Subsample(int step, bool keepLast)
@@ -52,10 +55,7 @@ void CSSE3dPolygon::Subsample(int step, bool keepLast)
     if (keepLast && kept.back() != n - 1)
         kept.push_back(n - 1);
 
-    CSSE3dPolygon result;
-    result.copySelectedPoints(*this, kept.data(), static_cast<int>(kept.size()));
-    swapPoints(result);
-    m_bBoundingBoxCalculated = false;
+    keepSelectedPoints(kept);
 }
 
 void CSSE3dPolygon::RemoveEqualPointsXY()
@@ -77,10 +77,7 @@ void CSSE3dPolygon::RemoveEqualPointsXY()
     if (static_cast<int>(kept.size()) == n)
         return;
 
-    CSSE3dPolygon result;
-    result.copySelectedPoints(*this, kept.data(), static_cast<int>(kept.size()));
-    swapPoints(result);
-    m_bBoundingBoxCalculated = false;
+    keepSelectedPoints(kept);
 }
 
 // Walks the closed outline (edges i -> i + 1, the last back to 0) and places m points L / m

@@ -95,10 +95,7 @@ void CSSE3dPolygon::ReducePoints(float maxDeviation, bool closed)
             kept.push_back(i);
     if (static_cast<int>(kept.size()) == n)
         return;
-    CSSE3dPolygon result;
-    result.copySelectedPoints(*this, kept.data(), static_cast<int>(kept.size()));
-    swapPoints(result);
-    m_bBoundingBoxCalculated = false;
+    keepSelectedPoints(kept);
 }
 
 void CSSE3dPolygon::FilterMedian3(bool closed)
