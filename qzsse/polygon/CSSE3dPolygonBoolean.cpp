@@ -43,6 +43,16 @@ void EdgePairCrossings(double a0x, double a0y, double a1x, double a1y, double b0
         report(tB, 0.0);
 }
 
+// The boolean of two closed outlines in the frame both were converted with (non-zero fill).
+void clipPair(const qzsse::detail::ClipperFrame& frame, const OutlineArrays& subject, const OutlineArrays& clip,
+              ClipperLib::ClipType type, ClipperLib::PolyTree& tree)
+{
+    ClipperLib::Clipper clipper;
+    clipper.AddPath(frame.ToPath(subject), ClipperLib::ptSubject, true);
+    clipper.AddPath(frame.ToPath(clip), ClipperLib::ptClip, true);
+    clipper.Execute(type, tree, ClipperLib::pftNonZero, ClipperLib::pftNonZero);
+}
+
 } // namespace
 
 bool CSSE3dPolygon::FindIntersectionWithAnotherPolygon(const CSSE3dPolygon& other,
@@ -81,11 +91,8 @@ bool CSSE3dPolygon::FindIntersectionWithAnotherPolygon(const CSSE3dPolygon& othe
     if (n < 3 || m < 3)
         return false;
     qzsse::detail::ClipperFrame frame({mine, theirs}, 0.0);
-    ClipperLib::Clipper clipper;
-    clipper.AddPath(frame.ToPath(mine), ClipperLib::ptSubject, true);
-    clipper.AddPath(frame.ToPath(theirs), ClipperLib::ptClip, true);
     ClipperLib::PolyTree tree;
-    clipper.Execute(ClipperLib::ctIntersection, tree, ClipperLib::pftNonZero, ClipperLib::pftNonZero);
+    clipPair(frame, mine, theirs, ClipperLib::ctIntersection, tree);
     overlap = frame.ToPolygons(tree, true);
     return !overlap.empty();
 }
@@ -97,11 +104,8 @@ bool CSSE3dPolygon::CreateMergePolygon(const CSSE3dPolygon& a, const CSSE3dPolyg
     const OutlineArrays first{a.m_pX, a.m_pY, a.m_pZ, a.m_nNumPoints};
     const OutlineArrays second{b.m_pX, b.m_pY, b.m_pZ, b.m_nNumPoints};
     qzsse::detail::ClipperFrame frame({first, second}, 0.0);
-    ClipperLib::Clipper clipper;
-    clipper.AddPath(frame.ToPath(first), ClipperLib::ptSubject, true);
-    clipper.AddPath(frame.ToPath(second), ClipperLib::ptClip, true);
     ClipperLib::PolyTree tree;
-    clipper.Execute(ClipperLib::ctUnion, tree, ClipperLib::pftNonZero, ClipperLib::pftNonZero);
+    clipPair(frame, first, second, ClipperLib::ctUnion, tree);
     if (tree.ChildCount() != 1)
         return false;
     // Built aside first: a or b may be this polygon.
