@@ -25,9 +25,9 @@ public:
 
     // Lawson flips of non-border edges until each is locally Delaunay: an edge flips when its
     // two triangles form a quadrilateral whose other diagonal gives two counter-clockwise
-    // triangles, and either one of its triangles is not counter-clockwise (zero area, as ear
-    // clipping leaves beside collinear vertices) or the opposite vertex lies strictly inside
-    // the circumcircle. On a complete triangulation the result is the constrained Delaunay
+    // triangles, and either one of its triangles is not counter-clockwise (zero area or turned
+    // over; the clipper's area tolerance does not rule it out) or the opposite vertex lies
+    // strictly inside the circumcircle. On a complete triangulation the result is the constrained Delaunay
     // triangulation of the polygon (unique when no four vertices are cocircular). Returns the
     // number of flips.
     int FlipToConstrainedDelaunay();

@@ -230,6 +230,31 @@ TEST(PolygonTriangulationRefinement, DegenerateInputsEndConstrainedDelaunay)
     }
 }
 
+// Clipper output with a zero-area triangle on a collinear side, which flips must remove.
+struct InjectedTriangulator : CHPolygonTriangulator {
+    explicit InjectedTriangulator(CSSE2dPolygon* polygon) : CHPolygonTriangulator(polygon, 1, 1.0f, 1.0f, false) {}
+    void Set(const std::vector<std::array<int, 3>>& triangles)
+    {
+        m_nNumTriangles = static_cast<int>(triangles.size());
+        for (size_t i = 0; i < triangles.size(); ++i)
+            m_pTriangles[i] = {triangles[i][0], triangles[i][1], triangles[i][2]};
+    }
+};
+
+TEST(PolygonTriangulationRefinement, FlipsAwayZeroAreaTriangles)
+{
+    const std::vector<std::array<float, 2>> points = {{0, 0}, {3, 0}, {6, 0}, {10, 0}, {5, 8}};
+    CSSE2dPolygon polygon;
+    polygon.Create(static_cast<int>(points.size()));
+    for (size_t i = 0; i < points.size(); ++i)
+        polygon.SetPoint(static_cast<int>(i), points[i][0], points[i][1]);
+    InjectedTriangulator triangulator(&polygon);
+    triangulator.Set({{0, 1, 2}, {0, 2, 3}, {0, 3, 4}});
+    CHPolygonTriangulationRefinement r(triangulator, polygon);
+    EXPECT_GE(r.FlipToConstrainedDelaunay(), 2);
+    EXPECT_EQ(TrianglesOf(r), CgalConstrainedDelaunay(points));
+}
+
 TEST(PolygonTriangulationRefinement, PredicatesAgreeWithCgalAcrossScales)
 {
     std::mt19937 rng(11);
