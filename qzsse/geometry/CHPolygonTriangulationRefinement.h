@@ -25,15 +25,16 @@ public:
 
     // Lawson flips of non-border edges until each is locally Delaunay: an edge flips when its
     // two triangles form a quadrilateral whose other diagonal gives two counter-clockwise
-    // triangles, and either one of its triangles is not counter-clockwise (zero area or turned
-    // over; the clipper's area tolerance does not rule it out) or the opposite vertex lies
-    // strictly inside the circumcircle. On a complete triangulation the result is the constrained Delaunay
-    // triangulation of the polygon (unique when no four vertices are cocircular). Returns the
-    // number of flips.
+    // triangles, and either one of its triangles is not counter-clockwise (zero area or
+    // turned over; the clipper's area tolerance does not rule it out) or the opposite vertex
+    // lies strictly inside the circumcircle. On a complete triangulation the result is the
+    // constrained Delaunay triangulation of the polygon (unique when no four vertices are
+    // cocircular). Returns the number of flips: few where the clipping is nearly Delaunay,
+    // up to quadratic in the vertices for a fan over points in convex position.
     int FlipToConstrainedDelaunay();
 
     // Removes slivers: triangles of area below minArea, of smallest angle below
-    // minAngleDegrees, or not counter-clockwise. A sliver's border edges are tried shortest
+    // minAngleDegrees (both measured in double), or not counter-clockwise. A sliver's border edges are tried shortest
     // first; of an edge's two ends, the one whose removal moves the outline less (smaller
     // |area| of the vertex with its two border neighbours) is tried first. The end is merged
     // into the other end of the edge: the sliver disappears, the vertex leaves the border
@@ -45,8 +46,8 @@ public:
     // (border vertices - 2 triangles), else does nothing. Returns the vertices removed.
     int CollapseSlivers(float minAngleDegrees, float minArea);
 
-    // The border line: the remaining vertices in polygon order with their source points
-    // (x, y, z unscaled).
+    // The border line: the remaining vertices in polygon order, from the lowest remaining
+    // index, with their source points (x, y, z unscaled).
     void GetBorderLinePolygon(CSSE3dPolygon& border) const;
 
     int GetNumTriangles() const { return static_cast<int>(m_triangles.size()); }
