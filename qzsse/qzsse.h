@@ -50,4 +50,5 @@
 #include "qzsse/geometry/CHDegenerateHullException.h"
 #include "qzsse/geometry/CHOctree.h"
 #include "qzsse/geometry/CHPolygonTriangulator.h"
+#include "qzsse/geometry/CHPolygonTriangulationRefinement.h"
 #include "qzsse/geometry/CHSimpleBasisFcns.h"
