@@ -1,9 +1,12 @@
 #include "qzsse/mesh/MeshInterchange.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
 #include <charconv>
+#include <climits>
+#include <cstdint>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -204,7 +207,10 @@ SSEPoint unitNormal(const SSEPoint& a, const SSEPoint& b, const SSEPoint& c)
 
 void SetMeshReaderLimits(const MeshReaderLimits& limits)
 {
-    g_maxTriangles = limits.maxTriangles > 0 ? limits.maxTriangles : MeshReaderLimits::c_llDefaultMaxTriangles;
+    // Point indices are 32-bit: three points per triangle must stay countable.
+    constexpr long long c_llMostTriangles = INT32_MAX / 3;
+    g_maxTriangles = limits.maxTriangles <= 0 ? MeshReaderLimits::c_llDefaultMaxTriangles
+                                              : std::min(limits.maxTriangles, c_llMostTriangles);
 }
 
 MeshReaderLimits GetMeshReaderLimits()

@@ -26,7 +26,7 @@ struct MeshReaderLimits {
 };
 
 // Process-wide, for the readers on every thread; takes effect on the next read. A field of
-// 0 or below is taken as its default.
+// 0 or below is taken as its default; maxTriangles is capped at INT32_MAX / 3.
 void SetMeshReaderLimits(const MeshReaderLimits& limits);
 MeshReaderLimits GetMeshReaderLimits();
 
