@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "demo/DemoSteps.h"
-#include "demo/PlyWriter.h"
 #include "demo/Stopwatch.h"
 #include "demo/Text.h"
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/CHOctree.h"
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/MeshInterchange.h"
 
 namespace qzsse::demo {
 namespace {
@@ -98,8 +98,10 @@ void DemoSteps::MeshAndScanConvert()
             ++compared;
         }
 
-    PlyCounts ply;
-    m_output.WriteFile("mesh.ply", [&](const std::filesystem::path& p) { ply = WriteMeshPly(*m_mesh, p); });
+    MeshFileCounts ply;
+    m_output.WriteFile("mesh.ply", [&](const std::filesystem::path& p) {
+        ply = WriteMeshFile(*m_mesh, p, MeshFileFormat::PlyBinary, "made by qzsse-demo");
+    });
     printStep(4, "meshed, scan-converted",
               Sprintf("step %d: %d triangles (%lld vertices in mesh.ply), %d on the border; envelope %d x %d, inside its "
                       "ring largest difference %.3f, mean %.3f, %d px empty (0)",

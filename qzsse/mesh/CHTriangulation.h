@@ -6,6 +6,9 @@
 class CSSEMatrix;
 class CSSE3dPolygon;
 class CH2DDelaunay;
+class CArchive;
+class RbStreamReadBinary;
+class RbStreamWriteBinary;
 
 // One triangle of a CHTriangulation. Every pointer refers to the record's own slots in the
 // mesh's arrays, so records never own memory.
@@ -208,6 +211,51 @@ public:
     float GetScaleX() const { return m_fScaleX; }
     float GetScaleY() const { return m_fScaleY; }
     float GetScaleZ() const { return m_fScaleZ; }
+
+    // --- transforms -----------------------------------------------------------------------------
+    // Corners p become m.p + offset (CSSEFns::transform, then the offset added, w kept 0). Vertex
+    // and face normals are mapped by the cofactor matrix of m, which maps the cross product of
+    // two edges as the corners map, and normalised again (zero stays zero; a mirroring m
+    // keeps them on the same side as the corner order). S, T, V, the per-triangle extremes,
+    // the bounding box and the centre are recomputed; neighbours, tags, the working list, the
+    // scales and the scan-conversion resolution stay as they are. A mesh never initialised
+    // (default constructor only) is left alone.
+    void Rotate(t_ssematrix3& m, const SSEPoint& offset);
+    // Corners moved by (dx, dy, dz), normals unchanged, the rest as in Rotate.
+    void Move(float dx, float dy, float dz);
+    // Rotate with diag(sx, sy, sz) and no offset.
+    void Scale(float sx, float sy, float sz);
+
+    // --- serialisation --------------------------------------------------------------------------
+    // Stream form (version 1): scales, scan-conversion resolution, the count, then per triangle
+    // its corners, vertex normals and face normal (x, y, z each), iTag and the indices of its
+    // three neighbours (-1: none), then the bounding-box minimum, maximum and centre. S, T, V
+    // and the per-triangle extremes are derived and recomputed on reading; the working list is
+    // not kept (empty after reading). Bit-exact for every float, NaN included.
+    void Serialize(RbStreamWriteBinary& stream) const;
+    // Untrusted bytes: a version newer than 1, a count the remaining bytes cannot hold or above
+    // qzsse::GetMeshReaderLimits().maxTriangles, or a neighbour index outside the mesh throws
+    // RbStreamException before this mesh changes. Reading into a default-constructed mesh
+    // initialises it first.
+    void Serialize(RbStreamReadBinary& stream);
+    // Archive form: the string "CHTriangulation", then the stream form. A load without that tag
+    // throws RbStreamException.
+    void Serialize(CArchive& archive);
+
+    // --- meshes from polygons -------------------------------------------------------------------
+    // The polygon, taken as closed (a last point equal to the first is dropped), ear-clipped
+    // by CHPolygonTriangulator on its x and y; each triangle's corners are the polygon's points
+    // with their own z, ordered counter-clockwise seen from +z (a clockwise polygon is clipped
+    // reversed). All three vertex normals are the unit face normal. The count is the number of
+    // triangles found: n - 2 for a simple polygon of n points, fewer where the clipping stops
+    // early, 0 below three points. S, T, V, bounding box and centre are computed.
+    void CreateTriangulationFromPolygon(CSSE3dPolygon* polygon);
+    // The band between two polylines: CH2DDelaunay::CreateTriangulationFromTwoBorderPolygons
+    // chooses the triangles (plane positions on its 0.1 grid), and each corner is then the
+    // exact point of upper or lower its vertex came from (the lofting rule, without the grid
+    // truncation). Corners counter-clockwise seen from +z; normals as above. Collinear input
+    // throws CHDegenerateHullException, as the Delaunay triangulation does.
+    void CreateTriangulationFromTwoBorderPolygons(CSSE3dPolygon* upper, CSSE3dPolygon* lower);
 
 protected:
     void FinishMatrixMesh();

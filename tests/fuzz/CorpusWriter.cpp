@@ -15,6 +15,8 @@
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/base/RyJPEGWriter.h"
 #include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/MeshInterchange.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
@@ -118,6 +120,42 @@ void polygonSeeds(const fs::path& root)
     file.Close();
 }
 
+// Four triangles of a 3 x 2 height grid, with neighbours, in every mesh form.
+void meshSeeds(const fs::path& root)
+{
+    for (const char* dir : {"MeshStream", "MeshArchive", "MeshFile"})
+        fs::create_directories(root / dir);
+    CSSEMatrix matrix;
+    matrix.Create(3, 2);
+    for (int y = 0; y < 2; ++y)
+        for (int x = 0; x < 3; ++x)
+            matrix.SetPoint(x, y, 1.0f + 0.5f * static_cast<float>(x + 2 * y));
+    CHTriangulation mesh(&matrix, 0.0f, true, 1.0f, 1.0f, 1.0f, 1, 1);
+    mesh.CalcNeighbours();
+    RbStreamWriteBinaryBuffer stream;
+    mesh.Serialize(stream);
+    writeBytes(root / "MeshStream" / "grid", stream.GetData(), stream.GetSize());
+    CFile file;
+    if (!file.Open(CString((root / "MeshArchive" / "grid").string()), CFile::modeCreate | CFile::modeWrite))
+        throw std::runtime_error("cannot write the mesh archive seed");
+    CArchive archive(&file, CArchive::store);
+    mesh.Serialize(archive);
+    archive.Close();
+    file.Close();
+    // The first byte picks the reader: 0 PLY, 1 STL, 2 OBJ.
+    const struct {
+        const char* name;
+        char reader;
+        qzsse::MeshFileFormat format;
+    } files[] = {{"ply-binary", 0, qzsse::MeshFileFormat::PlyBinary}, {"ply-ascii", 0, qzsse::MeshFileFormat::PlyAscii},
+                 {"stl-binary", 1, qzsse::MeshFileFormat::StlBinary}, {"stl-ascii", 1, qzsse::MeshFileFormat::StlAscii},
+                 {"obj", 2, qzsse::MeshFileFormat::Obj}};
+    for (const auto& f : files) {
+        const std::string bytes = f.reader + qzsse::WriteMeshToString(mesh, f.format);
+        writeBytes(root / "MeshFile" / f.name, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+    }
+}
+
 void payloadSeeds(const fs::path& root)
 {
     using namespace qzsse::detail;
@@ -192,6 +230,7 @@ int main(int argc, char** argv)
         matrixSeeds(root);
         storeSeeds(root, scratch);
         polygonSeeds(root);
+        meshSeeds(root);
         payloadSeeds(root);
         heightImageSeeds(root);
     } catch (const std::exception& e) {
