@@ -43,6 +43,7 @@
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/MeshInterchange.h"
 
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/CHConvexHull2D.h"
