@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <random>
 #include <vector>
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "qzsse/geometry/CHPolygonTriangulator.h"
+#include "qzsse/geometry/detail/EarClippingEdgeIndex.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -427,4 +429,143 @@ TEST(PolygonTriangulator, FilteredEdgeScanClipsLikeTheDirectScan)
         }
     }
     EXPECT_GT(stoppedEarly, 20);
+}
+
+namespace {
+
+// Outlines where the float tolerance and rounding matter: runs of nearly collinear points,
+// nearly vertical edges, zigzags, a ring that touches itself, and long nearly collinear
+// spans where a far edge can test as touching once coordinates are large.
+std::vector<XY> EdgeIndexOutline(std::mt19937& rng, int kind, int n)
+{
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::vector<XY> out;
+    switch (kind) {
+    case 0:  // nearly collinear run along a slanted line, closed by one far vertex
+        for (int k = 0; k < n; ++k)
+            out.push_back({k * 1.3, k * 0.7 + 1e-4 * (unit(rng) - 0.5)});
+        out.push_back({n * 0.6, n * 3.0});
+        return out;
+    case 1:  // nearly vertical teeth
+        for (int k = 0; k < n / 2; ++k) {
+            out.push_back({k * 2.0, 0.0});
+            out.push_back({k * 2.0 + 1e-5 * unit(rng), 50.0 + unit(rng)});
+        }
+        out.push_back({n * 1.0, 60.0});
+        out.push_back({-1.0, 60.0});
+        return out;
+    case 2:  // zigzag of small amplitude
+        for (int k = 0; k < n; ++k)
+            out.push_back({k * 1.0, (k % 2) * 0.001 * unit(rng)});
+        out.push_back({n * 0.5, -5.0});
+        return out;
+    case 3: {  // a star whose ring passes twice through one point
+        out = StarPolygon(rng, n);
+        out[static_cast<size_t>(n / 3)] = out[static_cast<size_t>(2 * n / 3)];
+        return out;
+    }
+    case 4:  // two long nearly parallel lines far apart along their direction
+        for (int k = 0; k < n / 2; ++k)
+            out.push_back({k * 3.0 + unit(rng) * 1e-3, k * 1.0});
+        for (int k = n / 2 - 1; k >= 0; --k)
+            out.push_back({k * 3.0 + 1e3 + unit(rng) * 1e-3, k * 1.0 + 1e3 / 3 + 2e-3 * (unit(rng) - 0.5)});
+        return out;
+    default:
+        return AwkwardPolygon(rng, kind - 5, n);
+    }
+}
+
+// Whether any ring edge without an end in i or j meets i-j, edge by edge.
+bool DirectHit(const CHSimpleBasisFcns& fcns, const std::vector<t_hvertex>& v, const std::vector<int>& next, int i,
+               int j)
+{
+    for (int c = 0; c < static_cast<int>(v.size()); ++c) {
+        const int d = next[static_cast<size_t>(c)];
+        if (d < 0 || c == i || c == j || d == i || d == j)
+            continue;
+        if (fcns.Intersect(v[static_cast<size_t>(i)].position, v[static_cast<size_t>(j)].position,
+                           v[static_cast<size_t>(c)].position, v[static_cast<size_t>(d)].position))
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+// The index against the plain scan over the ring's edges, for all vertex pairs, on the whole
+// ring and after vertices were cut out one by one, at scales from 1e-3 to 1e5.
+TEST(PolygonTriangulator, EdgeIndexAnswersLikeEveryEdgeScanned)
+{
+    const CHSimpleBasisFcns fcns;
+    std::mt19937 rng(5);
+    int hits = 0, farHits = 0, queries = 0;
+    for (const double scale : {1e-3, 1.0, 37.0, 1e3, 1e5}) {
+        for (int kind = 0; kind < 12; ++kind) {
+            const auto outline = EdgeIndexOutline(rng, kind, 40);
+            const int n = static_cast<int>(outline.size());
+            std::vector<t_hvertex> v(static_cast<size_t>(n));
+            std::vector<int> next(static_cast<size_t>(n)), prev(static_cast<size_t>(n));
+            for (int k = 0; k < n; ++k) {
+                v[static_cast<size_t>(k)].position = {static_cast<float>(outline[static_cast<size_t>(k)].x * scale),
+                                                      static_cast<float>(outline[static_cast<size_t>(k)].y * scale)};
+                next[static_cast<size_t>(k)] = (k + 1) % n;
+                prev[static_cast<size_t>(k)] = (k + n - 1) % n;
+            }
+            qzsse::detail::EarClippingEdgeIndex index;
+            ASSERT_TRUE(index.Build(v.data(), n));
+            std::vector<int> alive(static_cast<size_t>(n));
+            for (int k = 0; k < n; ++k)
+                alive[static_cast<size_t>(k)] = k;
+            while (alive.size() >= 3) {
+                for (const int i : alive)
+                    for (const int j : alive) {
+                        const bool direct = DirectHit(fcns, v, next, i, j);
+                        ASSERT_EQ(index.AnyEdgeHits(fcns, i, j), direct)
+                            << "scale " << scale << " kind " << kind << " pair " << i << " " << j;
+                        ++queries;
+                        hits += direct;
+                        if (direct) {
+                            // Hits from an edge whose box is apart from the query's box: only the
+                            // tolerance or the rounding can make them.
+                            const t_h2dpoint a = v[static_cast<size_t>(i)].position, b = v[static_cast<size_t>(j)].position;
+                            bool nearHit = false;
+                            for (int c = 0; c < n && !nearHit; ++c) {
+                                const int d = next[static_cast<size_t>(c)];
+                                if (d < 0 || c == i || c == j || d == i || d == j)
+                                    continue;
+                                const t_h2dpoint pc = v[static_cast<size_t>(c)].position, pd = v[static_cast<size_t>(d)].position;
+                                const bool apart = std::max(pc.x, pd.x) < std::min(a.x, b.x) ||
+                                                   std::min(pc.x, pd.x) > std::max(a.x, b.x) ||
+                                                   std::max(pc.y, pd.y) < std::min(a.y, b.y) ||
+                                                   std::min(pc.y, pd.y) > std::max(a.y, b.y);
+                                nearHit = !apart && fcns.Intersect(a, b, pc, pd);
+                            }
+                            farHits += !nearHit;
+                        }
+                    }
+                // Cut a random vertex, as clipping an ear does.
+                const size_t k = std::uniform_int_distribution<size_t>(0, alive.size() - 1)(rng);
+                const int cut = alive[k];
+                alive.erase(alive.begin() + static_cast<long>(k));
+                next[static_cast<size_t>(prev[static_cast<size_t>(cut)])] = next[static_cast<size_t>(cut)];
+                prev[static_cast<size_t>(next[static_cast<size_t>(cut)])] = prev[static_cast<size_t>(cut)];
+                next[static_cast<size_t>(cut)] = -1;
+                index.Remove(cut);
+                if (alive.size() > 12)  // fewer passes over long rings
+                    for (int skip = 0; skip < 3 && alive.size() > 12; ++skip) {
+                        const size_t s = std::uniform_int_distribution<size_t>(0, alive.size() - 1)(rng);
+                        const int c2 = alive[s];
+                        alive.erase(alive.begin() + static_cast<long>(s));
+                        next[static_cast<size_t>(prev[static_cast<size_t>(c2)])] = next[static_cast<size_t>(c2)];
+                        prev[static_cast<size_t>(next[static_cast<size_t>(c2)])] = prev[static_cast<size_t>(c2)];
+                        next[static_cast<size_t>(c2)] = -1;
+                        index.Remove(c2);
+                    }
+            }
+        }
+    }
+    EXPECT_GT(hits, queries / 20);
+    EXPECT_LT(hits, queries - queries / 20);
+    EXPECT_GT(farHits, 0);
+    std::printf("queries %d hits %d far hits %d\n", queries, hits, farHits);
 }
