@@ -21,20 +21,36 @@ public:
     // Whether an edge with no end in ia or ib meets segment a-b as Intersect sees it.
     bool AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, int ib) const;
 
-private:
-    struct Box {
-        double x0, y0, x1, y1;
+    // Where Between(c, d, e) can hold for some e: a parallelogram around segment c-d (see the
+    // .cpp). Unbounded (false) when c == d.
+    struct Reach {
+        double x[4], y[4];
     };
+    static bool ReachOf(const t_h2dpoint& c, const t_h2dpoint& d, Reach& out);
+
+private:
+    // A box along axis u = (ux, uy) holding the reach regions of the edges below:
+    // s in [s0, s1] along u, t in [t0, t1] along (-uy, ux); with its axis-aligned box.
     struct Node {
-        Box box;        // union of the edges' reach boxes (see ReachBox)
-        double maxDx;   // largest |d.x - c.x| of the edges below; negative when there are none
+        double ux, uy, s0, s1, t0, t1;
+        double x0, y0, x1, y1;
+        double maxDx;  // largest |d.x - c.x| of the edges below; negative when there are none
         double maxDy;
+        bool unbounded;
+    };
+    struct Query {
+        t_h2dpoint a, b;
+        Reach reach;    // of ab
+        bool bounded;
+        double x0, y0, x1, y1;  // box of the reach
+        double dx, dy;  // b - a
+        double length;
+        double onLine;  // farthest an end on ab can lie from the line
     };
 
     void SetLeaf(int i);
     void Pull(int node);
-    bool Prunable(const Node& node, const t_h2dpoint& a, const t_h2dpoint& b, const Box& query, double dx,
-                  double dy, double length) const;
+    bool Prunable(const Node& node, const Query& q) const;
 
     std::vector<t_h2dpoint> m_points;
     std::vector<int> m_next, m_prev;
