@@ -4,7 +4,9 @@
 // - Comb/N: N / 4 long thin teeth (1 wide, 1 apart, 200 high) on a spine, integer corners;
 // - Contour/K: the traced contour (at the 30% elevation quantile) of the sample elevation grid
 //   tests/storage/data/jacksboro_fault_dem.npy (override the folder with QZSSE_STORAGE_DATA),
-//   bilinearly upsampled K times, every traced pixel a vertex: about 2 000 vertices per K.
+//   bilinearly upsampled K times, every traced pixel a vertex (repeats in a row dropped):
+//   about 2 000 vertices per K. The traced outline touches itself at a few pixels, so the
+//   ear clipping stops somewhat short of vertices - 2 triangles there.
 // The counter "vertices" is the polygon's size and "triangles" the ear clipping's output.
 
 #include <algorithm>
