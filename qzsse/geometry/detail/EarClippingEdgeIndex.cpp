@@ -155,10 +155,16 @@ void EarClippingEdgeIndex::Remove(int v)
     m_prev[static_cast<size_t>(q)] = p;
     m_nodes[static_cast<size_t>(m_leaves + v)].maxDx = -1;
     SetLeaf(p);
-    for (int node = (m_leaves + v) / 2; node >= 1; node /= 2)
-        Pull(node);
-    for (int node = (m_leaves + p) / 2; node >= 1; node /= 2)
-        Pull(node);
+    // Both paths up, the shared part once.
+    int nv = (m_leaves + v) / 2, np = (m_leaves + p) / 2;
+    while (nv != np) {
+        Pull(nv);
+        Pull(np);
+        nv /= 2;
+        np /= 2;
+    }
+    for (; nv >= 1; nv /= 2)
+        Pull(nv);
 }
 
 // Intersect (a, b, c, d) can be true only (DESIGN.md) when
