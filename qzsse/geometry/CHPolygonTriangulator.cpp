@@ -4,9 +4,9 @@
 #include <bit>
 #include <cstdint>
 #include <vector>
-#include <xmmintrin.h>
 
 #include "qzsse/core/SafeAlloc.h"
+#include "qzsse/geometry/detail/EarClippingEdgeIndex.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -122,91 +122,6 @@ inline bool EdgeHits(const CHSimpleBasisFcns& fcns, const t_h2dpoint& a, const t
 
 }  // namespace
 
-// The ring's positions and indices in contiguous arrays, kept in index order (the ring's own
-// order) while a triangulation runs, so that four edges at a time can be screened.
-struct EdgeScanRing {
-    std::vector<float> xs, ys;
-    std::vector<int> ids;
-
-    void Erase(int index)
-    {
-        const auto at = std::lower_bound(ids.begin(), ids.end(), index);
-        const auto k = at - ids.begin();
-        ids.erase(at);
-        xs.erase(xs.begin() + k);
-        ys.erase(ys.begin() + k);
-    }
-
-    // Whether any edge without an end in ia or ib meets segment ab.
-    bool AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, int ib, const t_h2dpoint& a, const t_h2dpoint& b) const
-    {
-        const int m = static_cast<int>(ids.size());
-        int k = 0;
-        // Lanes that Intersect could not dismiss, found by the comparisons it makes on the same
-        // floats: an end of cd within the tolerance of ab, ends on both sides of ab while ab's
-        // ends are not strictly on one side of cd, or an end of ab on cd. Open lanes get the
-        // exact test.
-        const __m128 dx = _mm_set1_ps(b.x - a.x), dy = _mm_set1_ps(b.y - a.y);
-        const __m128 ax = _mm_set1_ps(a.x), ay = _mm_set1_ps(a.y);
-        const __m128 bx = _mm_set1_ps(b.x), by = _mm_set1_ps(b.y);
-        const __m128 tol = _mm_set1_ps(c_fEdgeScanTolerance), negTol = _mm_set1_ps(-c_fEdgeScanTolerance);
-        for (; k + 4 < m; k += 4) {
-            const __m128 xc = _mm_loadu_ps(&xs[static_cast<size_t>(k)]);
-            const __m128 yc = _mm_loadu_ps(&ys[static_cast<size_t>(k)]);
-            const __m128 xd = _mm_loadu_ps(&xs[static_cast<size_t>(k) + 1]);
-            const __m128 yd = _mm_loadu_ps(&ys[static_cast<size_t>(k) + 1]);
-            const __m128 areaC = _mm_sub_ps(_mm_mul_ps(dx, _mm_sub_ps(yc, ay)), _mm_mul_ps(dy, _mm_sub_ps(xc, ax)));
-            const __m128 areaD = _mm_sub_ps(_mm_mul_ps(dx, _mm_sub_ps(yd, ay)), _mm_mul_ps(dy, _mm_sub_ps(xd, ax)));
-            const __m128 collinear = _mm_or_ps(_mm_and_ps(_mm_cmpge_ps(areaC, negTol), _mm_cmple_ps(areaC, tol)),
-                                               _mm_and_ps(_mm_cmpge_ps(areaD, negTol), _mm_cmple_ps(areaD, tol)));
-            const __m128 sidesDiffer = _mm_xor_ps(_mm_cmpgt_ps(areaC, tol), _mm_cmpgt_ps(areaD, tol));
-            const __m128 vertical = _mm_cmpeq_ps(xc, xd);
-            const auto inRange = [&](__m128 px, __m128 py) {
-                const __m128 xRange = _mm_or_ps(_mm_and_ps(_mm_cmple_ps(xc, px), _mm_cmple_ps(px, xd)),
-                                                _mm_and_ps(_mm_cmpge_ps(xc, px), _mm_cmpge_ps(px, xd)));
-                const __m128 yRange = _mm_or_ps(_mm_and_ps(_mm_cmple_ps(yc, py), _mm_cmple_ps(py, yd)),
-                                                _mm_and_ps(_mm_cmpge_ps(yc, py), _mm_cmpge_ps(py, yd)));
-                return _mm_or_ps(_mm_andnot_ps(vertical, xRange), _mm_and_ps(vertical, yRange));
-            };
-            const auto areaOnCd = [&](__m128 px, __m128 py) {
-                return _mm_sub_ps(_mm_mul_ps(_mm_sub_ps(xd, xc), _mm_sub_ps(py, yc)),
-                                  _mm_mul_ps(_mm_sub_ps(yd, yc), _mm_sub_ps(px, xc)));
-            };
-            const __m128 areaA = areaOnCd(ax, ay), areaB = areaOnCd(bx, by);
-            const __m128 collinearA = _mm_and_ps(_mm_cmpge_ps(areaA, negTol), _mm_cmple_ps(areaA, tol));
-            const __m128 collinearB = _mm_and_ps(_mm_cmpge_ps(areaB, negTol), _mm_cmple_ps(areaB, tol));
-            // Ends of ab strictly on one side of cd rule out a proper crossing.
-            const __m128 abSplit = _mm_or_ps(_mm_or_ps(collinearA, collinearB),
-                                             _mm_xor_ps(_mm_cmpgt_ps(areaA, tol), _mm_cmpgt_ps(areaB, tol)));
-            const __m128 onCd =
-                _mm_or_ps(_mm_and_ps(collinearA, inRange(ax, ay)), _mm_and_ps(collinearB, inRange(bx, by)));
-            const __m128 open = _mm_or_ps(_mm_or_ps(collinear, _mm_and_ps(sidesDiffer, abSplit)), onCd);
-            int lanes = _mm_movemask_ps(open);
-            while (lanes != 0) {
-                const int j = k + std::countr_zero(static_cast<unsigned>(lanes));
-                lanes &= lanes - 1;
-                if (EdgeAt(fcns, ia, ib, a, b, j, j + 1))
-                    return true;
-            }
-        }
-        for (; k < m; ++k)
-            if (EdgeAt(fcns, ia, ib, a, b, k, k + 1 < m ? k + 1 : 0))
-                return true;
-        return false;
-    }
-
-private:
-    bool EdgeAt(const CHSimpleBasisFcns& fcns, int ia, int ib, const t_h2dpoint& a, const t_h2dpoint& b, int j,
-                int j1) const
-    {
-        const size_t u = static_cast<size_t>(j), v = static_cast<size_t>(j1);
-        if (ids[u] == ia || ids[u] == ib || ids[v] == ia || ids[v] == ib)
-            return false;
-        const t_h2dpoint c{xs[u], ys[u]}, d{xs[v], ys[v]};
-        return EdgeHits(fcns, a, b, c, d, EdgeScanArea(a, b, c), EdgeScanArea(a, b, d));
-    }
-};
-
 }  // namespace qzsse::detail
 
 bool CHPolygonTriangulator::DiagonalieDirect(const t_hvertex* a, const t_hvertex* b) const
@@ -221,15 +136,15 @@ bool CHPolygonTriangulator::DiagonalieDirect(const t_hvertex* a, const t_hvertex
     return true;
 }
 
-// The answer is Intersect's, edge by edge, with most edges settled by the areas of their ends
-// against ab, each computed once. While a triangulation runs the ring's contiguous copy is
-// scanned instead of the linked list.
+// The answer is Intersect's, edge by edge. While a triangulation runs the edge index picks the
+// edges that could answer true; otherwise the list is walked with most edges settled by the
+// areas of their ends against ab, each computed once.
 bool CHPolygonTriangulator::Diagonalie(const t_hvertex* a, const t_hvertex* b) const
 {
     if (qzsse::detail::g_bDirectEarClipping)
         return DiagonalieDirect(a, b);
-    if (m_pRing != nullptr)
-        return !m_pRing->AnyEdgeHits(*this, a->index, b->index, a->position, b->position);
+    if (m_pEdgeIndex != nullptr)
+        return !m_pEdgeIndex->AnyEdgeHits(*this, a->index, b->index);
     using qzsse::detail::EdgeScanArea;
     const t_h2dpoint pa = a->position;
     const t_h2dpoint pb = b->position;
@@ -311,8 +226,8 @@ void CHPolygonTriangulator::Triangulate()
     m_nNumTriangles = 0;
     for (int i = 0; i < m_nNumVertices; ++i)
         m_pDiagonals[i].bExists = false;
-    // The index-ordered copies assume the ring holds every vertex, as it does on the first run;
-    // a repeated run on an already clipped ring takes the direct walk.
+    // The index and the ear bits assume the ring holds every vertex in index order, as it does
+    // on the first run; a repeated run on an already clipped ring takes the direct walk.
     int ringSize = 0;
     if (m_pHead != nullptr) {
         const t_hvertex* c = m_pHead;
@@ -322,15 +237,9 @@ void CHPolygonTriangulator::Triangulate()
         } while (c != m_pHead && ringSize <= m_nNumVertices);
     }
     const bool direct = qzsse::detail::g_bDirectEarClipping || ringSize != m_nNumVertices;
-    qzsse::detail::EdgeScanRing ring;
-    if (!direct) {
-        for (int i = 0; i < m_nNumVertices; ++i) {
-            ring.xs.push_back(m_pVertices[i].position.x);
-            ring.ys.push_back(m_pVertices[i].position.y);
-            ring.ids.push_back(i);
-        }
-        m_pRing = &ring;
-    }
+    qzsse::detail::EarClippingEdgeIndex index;
+    if (!direct && index.Build(m_pVertices, m_nNumVertices))
+        m_pEdgeIndex = &index;
     EarInit();
     qzsse::detail::EarBits ears(direct ? 0 : m_nNumVertices);
     if (!direct)
@@ -380,10 +289,11 @@ void CHPolygonTriangulator::Triangulate()
             ears.Set(p->index, p->ear);
             ears.Set(q->index, q->ear);
             ears.Set(v->index, false);
-            ring.Erase(v->index);
+            if (m_pEdgeIndex != nullptr)
+                m_pEdgeIndex->Remove(v->index);
         }
     }
-    m_pRing = nullptr;
+    m_pEdgeIndex = nullptr;
 }
 
 bool CHPolygonTriangulator::DiagonalExists(int i) const

@@ -24,10 +24,10 @@ struct PolygonTriangle {
     int c;
 };
 
-struct EdgeScanRing;
+class EarClippingEdgeIndex;
 
 // Test switch (per thread): when set, Diagonalie scans every edge with Intersect and the ear
-// search walks the ring, the direct forms the faster ones are checked against. Defined
+// search walks the ring, the direct forms the indexed ones are checked against. Defined
 // inline and constant-initialised, so no thread-local wrapper call stands between a test and
 // the flag.
 inline thread_local bool g_bDirectEarClipping = false;
@@ -95,8 +95,8 @@ protected:
     bool m_bFlag = false;
 
 private:
-    // The ring's contiguous copy while Triangulate runs; null otherwise.
-    qzsse::detail::EdgeScanRing* m_pRing = nullptr;
+    // The ring's edge index while Triangulate runs; null otherwise.
+    qzsse::detail::EarClippingEdgeIndex* m_pEdgeIndex = nullptr;
 
     void build(int pointCount);
     void linkVertices();

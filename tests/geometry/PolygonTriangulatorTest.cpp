@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numbers>
 #include <random>
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "qzsse/geometry/CHPolygonTriangulator.h"
+#include "qzsse/geometry/detail/EarClippingEdgeIndex.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -347,7 +349,7 @@ struct Outcome {
 };
 
 // Both runs: the one in the constructor and a repeated one on the clipped remainder.
-Outcome Clip(CSSE2dPolygon& source, int step, bool flag, bool direct)
+Outcome Clip(CSSE2dPolygon& source, int step, bool flag, bool direct, float scale = 1.0f)
 {
     qzsse::detail::g_bDirectEarClipping = direct;
     struct Open : CHPolygonTriangulator {
@@ -364,7 +366,7 @@ Outcome Clip(CSSE2dPolygon& source, int step, bool flag, bool direct)
             out.triangles.push_back(-1);
             out.diagonals.push_back(-1);
         }
-    } t(&source, step, 1.0f, 1.0f, flag);
+    } t(&source, step, scale, scale, flag);
     Outcome out;
     t.Append(out);
     t.Triangulate();
@@ -413,10 +415,11 @@ TEST(PolygonTriangulator, FilteredEdgeScanClipsLikeTheDirectScan)
             Fill(source, polygon);
             for (const int step : {1, 2}) {
                 for (const bool flag : {false, true}) {
-                    const Outcome fast = Clip(source, step, flag, false);
-                    const Outcome direct = Clip(source, step, flag, true);
+                    const float scale = std::array{1.0f, 1e-3f, 1e5f}[static_cast<size_t>(trial % 3)];
+                    const Outcome fast = Clip(source, step, flag, false, scale);
+                    const Outcome direct = Clip(source, step, flag, true, scale);
                     SCOPED_TRACE(testing::Message() << "kind " << kind << " trial " << trial << " step " << step
-                                                    << " flag " << flag);
+                                                    << " flag " << flag << " scale " << scale);
                     EXPECT_EQ(fast.triangles, direct.triangles);
                     EXPECT_EQ(fast.diagonals, direct.diagonals);
                     const int full = static_cast<int>(polygon.size()) / step - 2;
@@ -427,4 +430,134 @@ TEST(PolygonTriangulator, FilteredEdgeScanClipsLikeTheDirectScan)
         }
     }
     EXPECT_GT(stoppedEarly, 20);
+}
+
+namespace {
+
+// Outlines where the float tolerance and rounding matter: runs of nearly collinear points,
+// nearly vertical edges, zigzags, a ring that touches itself, and long nearly collinear
+// spans where a far edge can test as touching once coordinates are large.
+std::vector<XY> EdgeIndexOutline(std::mt19937& rng, int kind, int n)
+{
+    std::uniform_real_distribution<double> unit(0, 1);
+    std::vector<XY> out;
+    switch (kind) {
+    case 0:  // nearly collinear run along a slanted line, closed by one far vertex
+        for (int k = 0; k < n; ++k)
+            out.push_back({k * 1.3, k * 0.7 + 1e-4 * (unit(rng) - 0.5)});
+        out.push_back({n * 0.6, n * 3.0});
+        return out;
+    case 1:  // nearly vertical teeth
+        for (int k = 0; k < n / 2; ++k) {
+            out.push_back({k * 2.0, 0.0});
+            out.push_back({k * 2.0 + 1e-5 * unit(rng), 50.0 + unit(rng)});
+        }
+        out.push_back({n * 1.0, 60.0});
+        out.push_back({-1.0, 60.0});
+        return out;
+    case 2:  // zigzag of small amplitude
+        for (int k = 0; k < n; ++k)
+            out.push_back({k * 1.0, (k % 2) * 0.001 * unit(rng)});
+        out.push_back({n * 0.5, -5.0});
+        return out;
+    case 3: {  // a star whose ring passes twice through one point
+        out = StarPolygon(rng, n);
+        out[static_cast<size_t>(n / 3)] = out[static_cast<size_t>(2 * n / 3)];
+        return out;
+    }
+    case 4:  // two long nearly parallel lines far apart along their direction
+        for (int k = 0; k < n / 2; ++k)
+            out.push_back({k * 3.0 + unit(rng) * 1e-3, k * 1.0});
+        for (int k = n / 2 - 1; k >= 0; --k)
+            out.push_back({k * 3.0 + 1e3 + unit(rng) * 1e-3, k * 1.0 + 1e3 / 3 + 2e-3 * (unit(rng) - 0.5)});
+        return out;
+    default:
+        return AwkwardPolygon(rng, kind - 5, n);
+    }
+}
+
+// Whether any ring edge without an end in i or j meets i-j, edge by edge.
+bool DirectHit(const CHSimpleBasisFcns& fcns, const std::vector<t_hvertex>& v, const std::vector<int>& next, int i,
+               int j)
+{
+    for (int c = 0; c < static_cast<int>(v.size()); ++c) {
+        const int d = next[static_cast<size_t>(c)];
+        if (d < 0 || c == i || c == j || d == i || d == j)
+            continue;
+        if (fcns.Intersect(v[static_cast<size_t>(i)].position, v[static_cast<size_t>(j)].position,
+                           v[static_cast<size_t>(c)].position, v[static_cast<size_t>(d)].position))
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+// The index against the plain scan over the ring's edges, for all vertex pairs, on the whole
+// ring and after vertices were cut out one by one, at scales from 1e-3 to 1e5.
+TEST(PolygonTriangulator, EdgeIndexAnswersLikeEveryEdgeScanned)
+{
+    const CHSimpleBasisFcns fcns;
+    std::mt19937 rng(5);
+    int hits = 0, farHits = 0, queries = 0;
+    for (const double scale : {1e-3, 1.0, 37.0, 1e3, 1e5}) {
+        for (int kind = 0; kind < 12; ++kind) {
+            const auto outline = EdgeIndexOutline(rng, kind, 40);
+            const int n = static_cast<int>(outline.size());
+            std::vector<t_hvertex> v(static_cast<size_t>(n));
+            std::vector<int> next(static_cast<size_t>(n)), prev(static_cast<size_t>(n));
+            for (int k = 0; k < n; ++k) {
+                v[static_cast<size_t>(k)].position = {static_cast<float>(outline[static_cast<size_t>(k)].x * scale),
+                                                      static_cast<float>(outline[static_cast<size_t>(k)].y * scale)};
+                next[static_cast<size_t>(k)] = (k + 1) % n;
+                prev[static_cast<size_t>(k)] = (k + n - 1) % n;
+            }
+            qzsse::detail::EarClippingEdgeIndex index;
+            ASSERT_TRUE(index.Build(v.data(), n));
+            std::vector<int> alive(static_cast<size_t>(n));
+            for (int k = 0; k < n; ++k)
+                alive[static_cast<size_t>(k)] = k;
+            while (alive.size() >= 3) {
+                for (const int i : alive)
+                    for (const int j : alive) {
+                        const bool direct = DirectHit(fcns, v, next, i, j);
+                        ASSERT_EQ(index.AnyEdgeHits(fcns, i, j), direct)
+                            << "scale " << scale << " kind " << kind << " pair " << i << " " << j;
+                        ++queries;
+                        hits += direct;
+                        if (direct) {
+                            // Hits from an edge whose box is apart from the query's box: only the
+                            // tolerance or the rounding can make them.
+                            const t_h2dpoint a = v[static_cast<size_t>(i)].position, b = v[static_cast<size_t>(j)].position;
+                            bool nearHit = false;
+                            for (int c = 0; c < n && !nearHit; ++c) {
+                                const int d = next[static_cast<size_t>(c)];
+                                if (d < 0 || c == i || c == j || d == i || d == j)
+                                    continue;
+                                const t_h2dpoint pc = v[static_cast<size_t>(c)].position, pd = v[static_cast<size_t>(d)].position;
+                                const bool apart = std::max(pc.x, pd.x) < std::min(a.x, b.x) ||
+                                                   std::min(pc.x, pd.x) > std::max(a.x, b.x) ||
+                                                   std::max(pc.y, pd.y) < std::min(a.y, b.y) ||
+                                                   std::min(pc.y, pd.y) > std::max(a.y, b.y);
+                                nearHit = !apart && fcns.Intersect(a, b, pc, pd);
+                            }
+                            farHits += !nearHit;
+                        }
+                    }
+                // Cut random vertices, as clipping ears does; several at a time on long rings.
+                for (int cuts = alive.size() > 12 ? 4 : 1; cuts > 0; --cuts) {
+                    const size_t k = std::uniform_int_distribution<size_t>(0, alive.size() - 1)(rng);
+                    const int cut = alive[k];
+                    alive.erase(alive.begin() + static_cast<long>(k));
+                    next[static_cast<size_t>(prev[static_cast<size_t>(cut)])] = next[static_cast<size_t>(cut)];
+                    prev[static_cast<size_t>(next[static_cast<size_t>(cut)])] = prev[static_cast<size_t>(cut)];
+                    next[static_cast<size_t>(cut)] = -1;
+                    index.Remove(cut);
+                }
+            }
+        }
+    }
+    EXPECT_GT(hits, queries / 20);
+    EXPECT_LT(hits, queries - queries / 20);
+    EXPECT_GT(farHits, 0);
 }

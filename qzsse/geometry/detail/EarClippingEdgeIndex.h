@@ -1,0 +1,64 @@
+#pragma once
+
+#include <vector>
+
+#include "qzsse/geometry/CHSimpleBasisFcns.h"
+
+namespace qzsse::detail {
+
+// The ring edges of an ear clipping in a tree over the vertex order (edge i runs from vertex i
+// to the next vertex still in the ring), so that a diagonal is tested with Intersect only
+// against the edges that could make Intersect answer true. A subtree is skipped only where
+// the float rounding bound of the doubled area rules every edge in it out; the argument is in
+// DESIGN.md ("Ear clipping edge index").
+class EarClippingEdgeIndex {
+public:
+    // The ring is vertices 0 .. n-1 in order. False (and the index unused) when a coordinate
+    // is not finite or so large that products could overflow.
+    bool Build(const t_hvertex* vertices, int n);
+    // Vertex v leaves the ring: its predecessor's edge now runs to its successor.
+    void Remove(int v);
+    // Whether an edge with no end in ia or ib meets segment a-b as Intersect sees it.
+    bool AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, int ib) const;
+
+    // Where Between(c, d, e) can hold for some e: a parallelogram around segment c-d (see the
+    // .cpp). Unbounded (false) when c == d.
+    struct Reach {
+        double x[4], y[4];
+    };
+    static bool ReachOf(const t_h2dpoint& c, const t_h2dpoint& d, Reach& out);
+
+private:
+    // A box along axis u = (ux, uy) holding the reach regions of the edges below:
+    // s in [s0, s1] along u, t in [t0, t1] along (-uy, ux); with its axis-aligned box.
+    struct Node {
+        double ux, uy, s0, s1, t0, t1;
+        double x0, y0, x1, y1;
+        double maxDx;  // largest |d.x - c.x| of the edges below; negative when there are none
+        double maxDy;
+        bool unbounded;
+    };
+    struct Query {
+        t_h2dpoint a, b;
+        Reach reach;    // of ab
+        bool bounded;
+        double x0, y0, x1, y1;  // box of the reach
+        double dx, dy;  // b - a
+        double length;
+        double onLine;  // farthest an end on ab can lie from the line
+    };
+
+    void SetLeaf(int i);
+    void Pull(int node);
+    bool Prunable(const Node& node, const Query& q) const;
+
+    std::vector<t_h2dpoint> m_points;
+    std::vector<int> m_next, m_prev;
+    std::vector<Node> m_nodes;
+    int m_leaves = 0;
+    // Every coordinate an integer of magnitude up to 2^22: differences are exact, and so is a
+    // product of two differences below 2^24.
+    bool m_integral = false;
+};
+
+}  // namespace qzsse::detail
