@@ -10,6 +10,7 @@
 // walk is replayed over those alone, in the same order.
 
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
 #include <climits>
@@ -385,6 +386,74 @@ private:
     std::vector<int> m_lastGroupWrite;        // per point: last walk that reached its last collapsed triangle
 };
 
+// The scan's result on a mesh where every triangle has three distinct corner points and every
+// edge (pair of points) belongs to at most two triangles that share no third point: two
+// triangles then match exactly when they share an edge, each on that edge's slot, and no slot
+// has a second candidate. Completed triangles leave the list only once all three partners
+// are set, so no match is missed. Edges are grouped by their lower point number; returns
+// false, with nothing decided, when the mesh is not of that kind.
+bool MatchManifoldEdges(const std::vector<int>& ids, int numTriangles, int numPoints, std::vector<int>& neighbour)
+{
+    const size_t numEdges = 3 * static_cast<size_t>(numTriangles);
+    if (numEdges > static_cast<size_t>(INT_MAX))
+        return false;
+    for (int t = 0; t < numTriangles; ++t) {
+        const int* a = &ids[3 * static_cast<size_t>(t)];
+        if (a[0] < 0 || a[1] < 0 || a[2] < 0 || a[0] == a[1] || a[1] == a[2] || a[2] == a[0])
+            return false;
+    }
+    std::vector<int> begin(static_cast<size_t>(numPoints) + 1, 0);
+    for (size_t e = 0; e < numEdges; ++e) {
+        const size_t next = e % 3 == 2 ? e - 2 : e + 1;
+        ++begin[static_cast<size_t>(std::min(ids[e], ids[next])) + 1];
+    }
+    for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p)
+        begin[p + 1] += begin[p];
+    struct Entry {
+        int other;   // the higher point number
+        int edge;    // 3 * triangle + slot
+    };
+    std::vector<Entry> entries(numEdges);
+    {
+        std::vector<int> fill(begin.begin(), begin.end() - 1);
+        for (size_t e = 0; e < numEdges; ++e) {
+            const size_t next = e % 3 == 2 ? e - 2 : e + 1;
+            const int lower = std::min(ids[e], ids[next]), higher = std::max(ids[e], ids[next]);
+            entries[static_cast<size_t>(fill[static_cast<size_t>(lower)]++)] = Entry{higher, static_cast<int>(e)};
+        }
+    }
+    neighbour.assign(numEdges, -1);
+    const auto thirdPoint = [&ids](int edge) {
+        const size_t t = static_cast<size_t>(edge / 3), k = static_cast<size_t>(edge % 3);
+        return ids[3 * t + (k + 2) % 3];
+    };
+    for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p) {
+        Entry* first = entries.data() + begin[p];
+        Entry* last = entries.data() + begin[p + 1];
+        if (last - first > 16)
+            std::sort(first, last, [](const Entry& x, const Entry& y) { return x.other < y.other; });
+        for (Entry* e = first; e < last; ++e) {
+            if (neighbour[static_cast<size_t>(e->edge)] >= 0)
+                continue;
+            Entry* partner = nullptr;
+            for (Entry* f = e + 1; f < last; ++f) {
+                if (f->other != e->other)
+                    continue;
+                if (partner != nullptr)
+                    return false;   // a third triangle on the edge
+                partner = f;
+            }
+            if (partner == nullptr)
+                continue;
+            if (thirdPoint(e->edge) == thirdPoint(partner->edge))
+                return false;       // the same three points twice
+            neighbour[static_cast<size_t>(e->edge)] = partner->edge / 3;
+            neighbour[static_cast<size_t>(partner->edge)] = e->edge / 3;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 } // namespace qzsse::detail
@@ -425,12 +494,33 @@ void CHTriangulation::CalcNeighbours()
 
     int numPoints = 0;
     const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
+    std::vector<int> neighbour;
+    if (!qzsse::detail::g_bDirectNeighbourReplay && qzsse::detail::MatchManifoldEdges(ids, n, numPoints, neighbour)) {
+        // The list ends as the records left incomplete, in order; removed ones have no links.
+        t_htriangle* last = nullptr;
+        m_pTriangleList = nullptr;
+        for (int i = 0; i < n; ++i) {
+            t_htriangle& t = m_pTriangles[i];
+            const size_t at = 3 * static_cast<size_t>(i);
+            for (size_t k = 0; k < 3; ++k)
+                t.pNeighbour[k] = neighbour[at + k] >= 0 ? &m_pTriangles[neighbour[at + k]] : nullptr;
+            t.pNext = nullptr;
+            if (neighbour[at] >= 0 && neighbour[at + 1] >= 0 && neighbour[at + 2] >= 0) {
+                t.pPrev = nullptr;
+                continue;
+            }
+            t.pPrev = last;
+            (last != nullptr ? last->pNext : m_pTriangleList) = &t;
+            last = &t;
+        }
+        return;
+    }
     qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
     replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
-    const std::vector<int>& neighbour = replay.Neighbours();
+    const std::vector<int>& replayed = replay.Neighbours();
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) {
-            const int u = neighbour[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
+            const int u = replayed[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
             m_pTriangles[i].pNeighbour[k] = u >= 0 ? &m_pTriangles[u] : nullptr;
         }
 }
