@@ -96,7 +96,12 @@ std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& 
         }
     };
 
+    // Points met for the first time miss the cache in a table larger than it; the slot of
+    // the corner a few steps ahead is fetched early so that those misses overlap.
+    constexpr size_t kAhead = 16;
     for (size_t i = 0; i < count; ++i) {
+        if (i + kAhead < count)
+            __builtin_prefetch(&table[hashBits(canonicalBits(corners[i + kAhead].m)) & (capacity - 1)]);
         if (hasNaN(corners[i].m))
             continue;
         const __m128i key = canonicalBits(corners[i].m);
@@ -486,12 +491,10 @@ void CHTriangulation::DeleteTriangleFromList(t_htriangle* triangle)
 void CHTriangulation::CalcNeighbours()
 {
     const int n = m_iNumTriangles;
-    for (int i = 0; i < n; ++i)
-        m_pTriangles[i].pNeighbour[0] = m_pTriangles[i].pNeighbour[1] = m_pTriangles[i].pNeighbour[2] = nullptr;
-    IndexTriangleList();
-    if (n == 0)
+    if (n == 0) {
+        IndexTriangleList();
         return;
-
+    }
     int numPoints = 0;
     const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
     std::vector<int> neighbour;
@@ -515,6 +518,9 @@ void CHTriangulation::CalcNeighbours()
         }
         return;
     }
+    for (int i = 0; i < n; ++i)
+        m_pTriangles[i].pNeighbour[0] = m_pTriangles[i].pNeighbour[1] = m_pTriangles[i].pNeighbour[2] = nullptr;
+    IndexTriangleList();
     qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
     replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
     const std::vector<int>& replayed = replay.Neighbours();
