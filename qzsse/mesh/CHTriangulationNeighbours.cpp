@@ -407,50 +407,52 @@ bool MatchManifoldEdges(const std::vector<int>& ids, int numTriangles, int numPo
         if (a[0] < 0 || a[1] < 0 || a[2] < 0 || a[0] == a[1] || a[1] == a[2] || a[2] == a[0])
             return false;
     }
+    // Edges grouped by lower point: counted, summed to each group's end, and filled from
+    // there down, which leaves begin[p] at the start of group p.
     std::vector<int> begin(static_cast<size_t>(numPoints) + 1, 0);
     for (size_t e = 0; e < numEdges; ++e) {
         const size_t next = e % 3 == 2 ? e - 2 : e + 1;
-        ++begin[static_cast<size_t>(std::min(ids[e], ids[next])) + 1];
+        ++begin[static_cast<size_t>(std::min(ids[e], ids[next]))];
     }
-    for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p)
-        begin[p + 1] += begin[p];
+    for (size_t p = 1; p <= static_cast<size_t>(numPoints); ++p)
+        begin[p] += begin[p - 1];
     struct Entry {
         int other;   // the higher point number
+        int third;   // the triangle's remaining point
         int edge;    // 3 * triangle + slot
     };
     std::vector<Entry> entries(numEdges);
-    {
-        std::vector<int> fill(begin.begin(), begin.end() - 1);
-        for (size_t e = 0; e < numEdges; ++e) {
-            const size_t next = e % 3 == 2 ? e - 2 : e + 1;
-            const int lower = std::min(ids[e], ids[next]), higher = std::max(ids[e], ids[next]);
-            entries[static_cast<size_t>(fill[static_cast<size_t>(lower)]++)] = Entry{higher, static_cast<int>(e)};
-        }
+    for (size_t e = 0; e < numEdges; ++e) {
+        const size_t base = e - e % 3, k = e % 3;
+        const int a = ids[e], b = ids[base + (k + 1) % 3];
+        const int lower = std::min(a, b), higher = std::max(a, b);
+        entries[static_cast<size_t>(--begin[static_cast<size_t>(lower)])] = Entry{higher, ids[base + (k + 2) % 3], static_cast<int>(e)};
     }
     neighbour.assign(numEdges, -1);
-    const auto thirdPoint = [&ids](int edge) {
-        const size_t t = static_cast<size_t>(edge / 3), k = static_cast<size_t>(edge % 3);
-        return ids[3 * t + (k + 2) % 3];
-    };
     for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p) {
         Entry* first = entries.data() + begin[p];
         Entry* last = entries.data() + begin[p + 1];
-        if (last - first > 16)
+        // Large groups (fans) are sorted so that equal edges sit together.
+        const bool sorted = last - first > 16;
+        if (sorted)
             std::sort(first, last, [](const Entry& x, const Entry& y) { return x.other < y.other; });
         for (Entry* e = first; e < last; ++e) {
             if (neighbour[static_cast<size_t>(e->edge)] >= 0)
                 continue;
             Entry* partner = nullptr;
             for (Entry* f = e + 1; f < last; ++f) {
-                if (f->other != e->other)
+                if (f->other != e->other) {
+                    if (sorted)
+                        break;
                     continue;
+                }
                 if (partner != nullptr)
                     return false;   // a third triangle on the edge
                 partner = f;
             }
             if (partner == nullptr)
                 continue;
-            if (thirdPoint(e->edge) == thirdPoint(partner->edge))
+            if (e->third == partner->third)
                 return false;       // the same three points twice
             neighbour[static_cast<size_t>(e->edge)] = partner->edge / 3;
             neighbour[static_cast<size_t>(partner->edge)] = e->edge / 3;

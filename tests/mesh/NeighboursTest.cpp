@@ -157,6 +157,25 @@ TEST(Neighbours, MatchPairwiseScanOnShuffledGridsWithZeroedSurplus)
     }
 }
 
+void expectSameAsScanAndReplay(CHTriangulation& mesh, int round)
+{
+    const int n = mesh.GetNumTriangles();
+    qzsse::detail::g_bDirectNeighbourReplay = true;
+    mesh.CalcNeighbours();
+    const Adjacency replayed = adjacencyOf(mesh);
+    qzsse::detail::g_bDirectNeighbourReplay = false;
+    expectSameAsScan(mesh, ("round " + std::to_string(round)).c_str());
+    const Adjacency got = adjacencyOf(mesh);
+    ASSERT_EQ(got.neighbour, replayed.neighbour) << round;
+    ASSERT_EQ(got.listed, replayed.listed) << round;
+    // The removed records keep no links.
+    for (int t = 0; t < n; ++t) {
+        if (std::find(got.listed.begin(), got.listed.end(), t) == got.listed.end()) {
+            ASSERT_TRUE(mesh.GetTriangles()[t].pNext == nullptr && mesh.GetTriangles()[t].pPrev == nullptr) << round;
+        }
+    }
+}
+
 // Shuffled grids with rotated corners, plain or with one extra triangle that keeps the mesh
 // plain (on a border edge) or not (a third triangle on an inner edge, a repeated triangle, a
 // triangle with two equal corners, a NaN corner, -0.0 against +0.0), against the scan and
@@ -207,19 +226,33 @@ TEST(Neighbours, PlainMeshesAndTheirNearMissesMatchScanAndReplay)
                 break;
             }
         }
-        qzsse::detail::g_bDirectNeighbourReplay = true;
-        mesh.CalcNeighbours();
-        const Adjacency replayed = adjacencyOf(mesh);
-        qzsse::detail::g_bDirectNeighbourReplay = false;
-        expectSameAsScan(mesh, ("round " + std::to_string(round)).c_str());
-        const Adjacency got = adjacencyOf(mesh);
-        ASSERT_EQ(got.neighbour, replayed.neighbour) << round;
-        ASSERT_EQ(got.listed, replayed.listed) << round;
-        // The removed records keep no links.
-        for (int t = 0; t < n; ++t) {
-            if (std::find(got.listed.begin(), got.listed.end(), t) == got.listed.end()) {
-                ASSERT_TRUE(mesh.GetTriangles()[t].pNext == nullptr && mesh.GetTriangles()[t].pPrev == nullptr) << round;
+        expectSameAsScanAndReplay(mesh, round);
+    }
+}
+
+// A closed fan and an open one around a point with many triangles, in shuffled records.
+TEST(Neighbours, FansMatchScanAndReplay)
+{
+    std::mt19937 rng(3);
+    for (const int spokes : {3, 17, 40, 200}) {
+        for (const bool closed : {true, false}) {
+            const int n = closed ? spokes : spokes - 1;
+            std::vector<int> order(size_t(n), 0);
+            for (int i = 0; i < n; ++i)
+                order[size_t(i)] = i;
+            std::shuffle(order.begin(), order.end(), rng);
+            CHTriangulation mesh(n, 1, 1, 1);
+            const auto rim = [spokes](int k, float& x, float& y) {
+                x = std::cos(6.2831853f * float(k % spokes) / float(spokes));
+                y = std::sin(6.2831853f * float(k % spokes) / float(spokes));
+            };
+            for (int i = 0; i < n; ++i) {
+                float x0, y0, x1, y1;
+                rim(order[size_t(i)], x0, y0);
+                rim(order[size_t(i)] + 1, x1, y1);
+                setCorner(mesh, i, 0, 0, 0), setCorner(mesh, i, 1, x0, y0), setCorner(mesh, i, 2, x1, y1);
             }
+            expectSameAsScanAndReplay(mesh, spokes);
         }
     }
 }
