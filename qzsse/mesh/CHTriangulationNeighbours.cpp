@@ -10,6 +10,7 @@
 // walk is replayed over those alone, in the same order.
 
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/detail/LargeScratch.h"
 #include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
@@ -60,9 +61,9 @@ inline bool sameBits(__m128i a, __m128i b)
 // Corners of a mesh recur close together, so a small direct-mapped cache of recent points
 // answers most look-ups from the processor's cache; the table behind it holds a 32-bit tag
 // beside each number, so only a matching tag reads the point itself.
-std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
+ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
 {
-    std::vector<int> ids(count, -1);
+    ScratchVector<int> ids(count, -1);
     struct Slot {
         uint32_t tag;
         int id; // -1 for an empty slot
@@ -70,11 +71,11 @@ std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& 
     size_t capacity = 1024;
     while (capacity < count / 2)
         capacity *= 2;
-    std::vector<Slot> table(capacity, Slot{0, -1});
+    ScratchVector<Slot> table(capacity, Slot{0, -1});
     struct Key {
         alignas(16) unsigned char bits[16];
     };
-    std::vector<Key> keys; // per point number
+    ScratchVector<Key> keys; // per point number
     keys.reserve(capacity / 2);
 
     struct alignas(32) Recent {
@@ -164,7 +165,7 @@ struct PointLists {
 };
 
 template <class Filter>
-PointLists buildPointLists(const std::vector<int>& ids, int numTriangles, int numPoints, Filter accept)
+PointLists buildPointLists(const ScratchVector<int>& ids, int numTriangles, int numPoints, Filter accept)
 {
     PointLists lists;
     lists.begin.assign(static_cast<size_t>(numPoints) + 1, 0);
@@ -199,9 +200,9 @@ PointLists buildPointLists(const std::vector<int>& ids, int numTriangles, int nu
 // list, and only the last one of a group keeps a neighbour set by an earlier walk.
 class NeighbourReplay {
 public:
-    NeighbourReplay(const std::vector<int>& ids, int numTriangles, int numPoints)
-        : m_ids(ids), m_n(numTriangles), m_neighbour(3 * static_cast<size_t>(numTriangles), -1),
-          m_filled(static_cast<size_t>(numTriangles), 0), m_collapsed(static_cast<size_t>(numTriangles), 0)
+    NeighbourReplay(const ScratchVector<int>& ids, int numTriangles, int numPoints)
+        : m_ids(ids), m_n(std::max(numTriangles, 0)), m_neighbour(3 * static_cast<size_t>(m_n), -1),
+          m_filled(static_cast<size_t>(m_n), 0), m_collapsed(static_cast<size_t>(m_n), 0)
     {
         for (int t = 0; t < m_n; ++t) {
             const int* a = corners(t);
@@ -379,7 +380,7 @@ private:
         m_neighbour[3 * static_cast<size_t>(t)] = last;
     }
 
-    const std::vector<int>& m_ids;
+    const ScratchVector<int>& m_ids;
     int m_n;
     std::vector<int> m_neighbour;
     std::vector<unsigned char> m_filled;      // bit k: slot k set
@@ -397,7 +398,7 @@ private:
 // has a second candidate. Completed triangles leave the list only once all three partners
 // are set, so no match is missed. Edges are grouped by their lower point number; returns
 // false, with nothing decided, when the mesh is not of that kind.
-bool MatchManifoldEdges(const std::vector<int>& ids, int numTriangles, int numPoints, std::vector<int>& neighbour)
+bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int numPoints, ScratchVector<int>& neighbour)
 {
     const size_t numEdges = 3 * static_cast<size_t>(numTriangles);
     if (numEdges > static_cast<size_t>(INT_MAX))
@@ -409,7 +410,7 @@ bool MatchManifoldEdges(const std::vector<int>& ids, int numTriangles, int numPo
     }
     // Edges grouped by lower point: counted, summed to each group's end, and filled from
     // there down, which leaves begin[p] at the start of group p.
-    std::vector<int> begin(static_cast<size_t>(numPoints) + 1, 0);
+    ScratchVector<int> begin(static_cast<size_t>(numPoints) + 1, 0);
     for (size_t e = 0; e < numEdges; ++e) {
         const size_t next = e % 3 == 2 ? e - 2 : e + 1;
         ++begin[static_cast<size_t>(std::min(ids[e], ids[next]))];
@@ -421,7 +422,7 @@ bool MatchManifoldEdges(const std::vector<int>& ids, int numTriangles, int numPo
         int third;   // the triangle's remaining point
         int edge;    // 3 * triangle + slot
     };
-    std::vector<Entry> entries(numEdges);
+    ScratchVector<Entry> entries(numEdges);
     for (size_t e = 0; e < numEdges; ++e) {
         const size_t base = e - e % 3, k = e % 3;
         const int a = ids[e], b = ids[base + (k + 1) % 3];
@@ -498,8 +499,8 @@ void CHTriangulation::CalcNeighbours()
         return;
     }
     int numPoints = 0;
-    const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
-    std::vector<int> neighbour;
+    const qzsse::detail::ScratchVector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
+    qzsse::detail::ScratchVector<int> neighbour;
     if (!qzsse::detail::g_bDirectNeighbourReplay && qzsse::detail::MatchManifoldEdges(ids, n, numPoints, neighbour)) {
         // The list ends as the records left incomplete, in order; removed ones have no links.
         t_htriangle* last = nullptr;
