@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qzsse/core/SafeAlloc.h"
+#include "qzsse/mesh/detail/LargeScratch.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -277,16 +278,16 @@ void CHConvexHull2D::sortByAngle()
         return;
     const size_t size = static_cast<size_t>(count);
     const tPointStruc p0 = m_pPoints[0];
-    std::vector<float> dx(size + 3), dy(size + 3);   // padded for the four-wide loads
-    std::vector<int> record(size);
+    qzsse::detail::ScratchVector<float> dx(size + 3), dy(size + 3);   // padded for the four-wide loads
+    qzsse::detail::ScratchVector<int> record(size);
     for (size_t k = 0; k < size; ++k) {
         dx[k] = m_pPoints[k + 1].x - p0.x;
         dy[k] = m_pPoints[k + 1].y - p0.y;
         record[k] = static_cast<int>(k) + 1;
     }
-    std::vector<signed char> outcome(size + 3);
-    std::vector<unsigned char> collinear(size + 3);
-    std::vector<int> leftStops(size + 4), rightStops(size + 4);   // room for a whole group
+    qzsse::detail::ScratchVector<signed char> outcome(size + 3);
+    qzsse::detail::ScratchVector<unsigned char> collinear(size + 3);
+    qzsse::detail::ScratchVector<int> leftStops(size + 4), rightStops(size + 4);   // room for a whole group
     int deletions = 0;
 
     const auto exchange = [&](int a, int b) {
@@ -408,7 +409,7 @@ void CHConvexHull2D::sortByAngle()
     }
     m_nNumDeleted = deletions;
 
-    std::vector<tPointStruc> sorted(size);
+    qzsse::detail::ScratchVector<tPointStruc> sorted(size);
     for (size_t k = 0; k < size; ++k) {
         if (k + 16 < size)
             __builtin_prefetch(&m_pPoints[record[k + 16]]);
