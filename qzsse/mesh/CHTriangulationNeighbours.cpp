@@ -419,15 +419,18 @@ bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int num
         begin[p] += begin[p - 1];
     struct Entry {
         int other;   // the higher point number
-        int third;   // the triangle's remaining point
         int edge;    // 3 * triangle + slot
+    };
+    const auto thirdPoint = [&ids](int edge) {
+        const size_t e = static_cast<size_t>(edge);
+        return ids[e - e % 3 + (e % 3 + 2) % 3];
     };
     ScratchVector<Entry> entries(numEdges);
     for (size_t e = 0; e < numEdges; ++e) {
         const size_t base = e - e % 3, k = e % 3;
         const int a = ids[e], b = ids[base + (k + 1) % 3];
         const int lower = std::min(a, b), higher = std::max(a, b);
-        entries[static_cast<size_t>(--begin[static_cast<size_t>(lower)])] = Entry{higher, ids[base + (k + 2) % 3], static_cast<int>(e)};
+        entries[static_cast<size_t>(--begin[static_cast<size_t>(lower)])] = Entry{higher, static_cast<int>(e)};
     }
     neighbour.assign(numEdges, -1);
     for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p) {
@@ -453,7 +456,7 @@ bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int num
             }
             if (partner == nullptr)
                 continue;
-            if (e->third == partner->third)
+            if (thirdPoint(e->edge) == thirdPoint(partner->edge))
                 return false;       // the same three points twice
             neighbour[static_cast<size_t>(e->edge)] = partner->edge / 3;
             neighbour[static_cast<size_t>(partner->edge)] = e->edge / 3;
