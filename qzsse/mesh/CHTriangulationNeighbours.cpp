@@ -99,14 +99,22 @@ ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int
 
     // Points met for the first time miss the cache in a table larger than it; the slot of
     // the corner a few steps ahead is fetched early so that those misses overlap.
+    // The hashes are computed that far ahead and kept in a ring.
     constexpr size_t kAhead = 16;
+    uint64_t ahead[kAhead];
+    for (size_t i = 0; i < kAhead && i < count; ++i)
+        ahead[i] = hashBits(canonicalBits(corners[i].m));
     for (size_t i = 0; i < count; ++i) {
-        if (i + kAhead < count)
-            __builtin_prefetch(&table[hashBits(canonicalBits(corners[i + kAhead].m)) & (capacity - 1)]);
+        const uint64_t h = ahead[i % kAhead];
+        if (i + kAhead < count) {
+            const uint64_t later = hashBits(canonicalBits(corners[i + kAhead].m));
+            ahead[i % kAhead] = later;
+            __builtin_prefetch(&table[later & (capacity - 1)]);
+            __builtin_prefetch(&recent[(later >> 20) & (kRecent - 1)]);
+        }
         if (hasNaN(corners[i].m))
             continue;
         const __m128i key = canonicalBits(corners[i].m);
-        const uint64_t h = hashBits(key);
         Recent& r = recent[(h >> 20) & (kRecent - 1)];
         if (r.id >= 0 && sameBits(r.key, key)) {
             ids[i] = r.id;
