@@ -3,6 +3,12 @@
 class CSSE2dPolygon;
 class CSSE3dPolygon;
 
+namespace qzsse::detail {
+// Test switch (per thread): when set, the constructor sorts with QuickSort and Compare record
+// by record, the form the faster sort is checked against.
+inline thread_local bool g_bDirectHullSort = false;
+} // namespace qzsse::detail
+
 // One input point of the 2-D hull; iIndex is its position in the source polygon.
 struct tPointStruc {
     int iIndex;
@@ -63,6 +69,9 @@ protected:
     tStackCell* m_pTop = nullptr;
 
 private:
+    // The same sort as QuickSort with Compare over points 1 ... n-1, with the same comparisons,
+    // marks and final order, run on a compact copy of the coordinates.
+    void sortByAngle();
     void quickSortRange(unsigned char* base, int lo, int hi, int size);
     void exchange(unsigned char* a, unsigned char* b, int size);
     static int countCells(const tStackCell* top);

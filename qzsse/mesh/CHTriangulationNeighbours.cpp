@@ -10,6 +10,8 @@
 // walk is replayed over those alone, in the same order.
 
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/detail/LargeScratch.h"
+#include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
 #include <climits>
@@ -59,9 +61,9 @@ inline bool sameBits(__m128i a, __m128i b)
 // Corners of a mesh recur close together, so a small direct-mapped cache of recent points
 // answers most look-ups from the processor's cache; the table behind it holds a 32-bit tag
 // beside each number, so only a matching tag reads the point itself.
-std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
+ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
 {
-    std::vector<int> ids(count, -1);
+    ScratchVector<int> ids(count, -1);
     struct Slot {
         uint32_t tag;
         int id; // -1 for an empty slot
@@ -69,11 +71,11 @@ std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& 
     size_t capacity = 1024;
     while (capacity < count / 2)
         capacity *= 2;
-    std::vector<Slot> table(capacity, Slot{0, -1});
+    ScratchVector<Slot> table(capacity, Slot{0, -1});
     struct Key {
         alignas(16) unsigned char bits[16];
     };
-    std::vector<Key> keys; // per point number
+    ScratchVector<Key> keys; // per point number
     keys.reserve(capacity / 2);
 
     struct alignas(32) Recent {
@@ -95,11 +97,24 @@ std::vector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& 
         }
     };
 
+    // Points met for the first time miss the cache in a table larger than it; the slot of
+    // the corner a few steps ahead is fetched early so that those misses overlap.
+    // The hashes are computed that far ahead and kept in a ring.
+    constexpr size_t kAhead = 16;
+    uint64_t ahead[kAhead];
+    for (size_t i = 0; i < kAhead && i < count; ++i)
+        ahead[i] = hashBits(canonicalBits(corners[i].m));
     for (size_t i = 0; i < count; ++i) {
+        const uint64_t h = ahead[i % kAhead];
+        if (i + kAhead < count) {
+            const uint64_t later = hashBits(canonicalBits(corners[i + kAhead].m));
+            ahead[i % kAhead] = later;
+            __builtin_prefetch(&table[later & (capacity - 1)]);
+            __builtin_prefetch(&recent[(later >> 20) & (kRecent - 1)]);
+        }
         if (hasNaN(corners[i].m))
             continue;
         const __m128i key = canonicalBits(corners[i].m);
-        const uint64_t h = hashBits(key);
         Recent& r = recent[(h >> 20) & (kRecent - 1)];
         if (r.id >= 0 && sameBits(r.key, key)) {
             ids[i] = r.id;
@@ -158,7 +173,7 @@ struct PointLists {
 };
 
 template <class Filter>
-PointLists buildPointLists(const std::vector<int>& ids, int numTriangles, int numPoints, Filter accept)
+PointLists buildPointLists(const ScratchVector<int>& ids, int numTriangles, int numPoints, Filter accept)
 {
     PointLists lists;
     lists.begin.assign(static_cast<size_t>(numPoints) + 1, 0);
@@ -193,9 +208,9 @@ PointLists buildPointLists(const std::vector<int>& ids, int numTriangles, int nu
 // list, and only the last one of a group keeps a neighbour set by an earlier walk.
 class NeighbourReplay {
 public:
-    NeighbourReplay(const std::vector<int>& ids, int numTriangles, int numPoints)
-        : m_ids(ids), m_n(numTriangles), m_neighbour(3 * static_cast<size_t>(numTriangles), -1),
-          m_filled(static_cast<size_t>(numTriangles), 0), m_collapsed(static_cast<size_t>(numTriangles), 0)
+    NeighbourReplay(const ScratchVector<int>& ids, int numTriangles, int numPoints)
+        : m_ids(ids), m_n(std::max(numTriangles, 0)), m_neighbour(3 * static_cast<size_t>(m_n), -1),
+          m_filled(static_cast<size_t>(m_n), 0), m_collapsed(static_cast<size_t>(m_n), 0)
     {
         for (int t = 0; t < m_n; ++t) {
             const int* a = corners(t);
@@ -373,7 +388,7 @@ private:
         m_neighbour[3 * static_cast<size_t>(t)] = last;
     }
 
-    const std::vector<int>& m_ids;
+    const ScratchVector<int>& m_ids;
     int m_n;
     std::vector<int> m_neighbour;
     std::vector<unsigned char> m_filled;      // bit k: slot k set
@@ -384,6 +399,79 @@ private:
     std::vector<int64_t> m_groupNext;
     std::vector<int> m_lastGroupWrite;        // per point: last walk that reached its last collapsed triangle
 };
+
+// The scan's result on a mesh where every triangle has three distinct corner points and every
+// edge (pair of points) belongs to at most two triangles that share no third point: two
+// triangles then match exactly when they share an edge, each on that edge's slot, and no slot
+// has a second candidate. Completed triangles leave the list only once all three partners
+// are set, so no match is missed. Edges are grouped by their lower point number; returns
+// false, with nothing decided, when the mesh is not of that kind.
+bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int numPoints, ScratchVector<int>& neighbour)
+{
+    const size_t numEdges = 3 * static_cast<size_t>(numTriangles);
+    if (numEdges > static_cast<size_t>(INT_MAX))
+        return false;
+    for (int t = 0; t < numTriangles; ++t) {
+        const int* a = &ids[3 * static_cast<size_t>(t)];
+        if (a[0] < 0 || a[1] < 0 || a[2] < 0 || a[0] == a[1] || a[1] == a[2] || a[2] == a[0])
+            return false;
+    }
+    // Edges grouped by lower point: counted, summed to each group's end, and filled from
+    // there down, which leaves begin[p] at the start of group p.
+    ScratchVector<int> begin(static_cast<size_t>(numPoints) + 1, 0);
+    for (size_t e = 0; e < numEdges; ++e) {
+        const size_t next = e % 3 == 2 ? e - 2 : e + 1;
+        ++begin[static_cast<size_t>(std::min(ids[e], ids[next]))];
+    }
+    for (size_t p = 1; p <= static_cast<size_t>(numPoints); ++p)
+        begin[p] += begin[p - 1];
+    struct Entry {
+        int other;   // the higher point number
+        int edge;    // 3 * triangle + slot
+    };
+    const auto thirdPoint = [&ids](int edge) {
+        const size_t e = static_cast<size_t>(edge);
+        return ids[e - e % 3 + (e % 3 + 2) % 3];
+    };
+    ScratchVector<Entry> entries(numEdges);
+    for (size_t e = 0; e < numEdges; ++e) {
+        const size_t base = e - e % 3, k = e % 3;
+        const int a = ids[e], b = ids[base + (k + 1) % 3];
+        const int lower = std::min(a, b), higher = std::max(a, b);
+        entries[static_cast<size_t>(--begin[static_cast<size_t>(lower)])] = Entry{higher, static_cast<int>(e)};
+    }
+    neighbour.assign(numEdges, -1);
+    for (size_t p = 0; p < static_cast<size_t>(numPoints); ++p) {
+        Entry* first = entries.data() + begin[p];
+        Entry* last = entries.data() + begin[p + 1];
+        // Large groups (fans) are sorted so that equal edges sit together.
+        const bool sorted = last - first > 16;
+        if (sorted)
+            std::sort(first, last, [](const Entry& x, const Entry& y) { return x.other < y.other; });
+        for (Entry* e = first; e < last; ++e) {
+            if (neighbour[static_cast<size_t>(e->edge)] >= 0)
+                continue;
+            Entry* partner = nullptr;
+            for (Entry* f = e + 1; f < last; ++f) {
+                if (f->other != e->other) {
+                    if (sorted)
+                        break;
+                    continue;
+                }
+                if (partner != nullptr)
+                    return false;   // a third triangle on the edge
+                partner = f;
+            }
+            if (partner == nullptr)
+                continue;
+            if (thirdPoint(e->edge) == thirdPoint(partner->edge))
+                return false;       // the same three points twice
+            neighbour[static_cast<size_t>(e->edge)] = partner->edge / 3;
+            neighbour[static_cast<size_t>(partner->edge)] = e->edge / 3;
+        }
+    }
+    return true;
+}
 
 } // namespace
 
@@ -417,20 +505,42 @@ void CHTriangulation::DeleteTriangleFromList(t_htriangle* triangle)
 void CHTriangulation::CalcNeighbours()
 {
     const int n = m_iNumTriangles;
+    if (n == 0) {
+        IndexTriangleList();
+        return;
+    }
+    int numPoints = 0;
+    const qzsse::detail::ScratchVector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
+    qzsse::detail::ScratchVector<int> neighbour;
+    if (!qzsse::detail::g_bDirectNeighbourReplay && qzsse::detail::MatchManifoldEdges(ids, n, numPoints, neighbour)) {
+        // The list ends as the records left incomplete, in order; removed ones have no links.
+        t_htriangle* last = nullptr;
+        m_pTriangleList = nullptr;
+        for (int i = 0; i < n; ++i) {
+            t_htriangle& t = m_pTriangles[i];
+            const size_t at = 3 * static_cast<size_t>(i);
+            for (size_t k = 0; k < 3; ++k)
+                t.pNeighbour[k] = neighbour[at + k] >= 0 ? &m_pTriangles[neighbour[at + k]] : nullptr;
+            t.pNext = nullptr;
+            if (neighbour[at] >= 0 && neighbour[at + 1] >= 0 && neighbour[at + 2] >= 0) {
+                t.pPrev = nullptr;
+                continue;
+            }
+            t.pPrev = last;
+            (last != nullptr ? last->pNext : m_pTriangleList) = &t;
+            last = &t;
+        }
+        return;
+    }
     for (int i = 0; i < n; ++i)
         m_pTriangles[i].pNeighbour[0] = m_pTriangles[i].pNeighbour[1] = m_pTriangles[i].pNeighbour[2] = nullptr;
     IndexTriangleList();
-    if (n == 0)
-        return;
-
-    int numPoints = 0;
-    const std::vector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
     qzsse::detail::NeighbourReplay replay(ids, n, numPoints);
     replay.Run([this](int t) { DeleteTriangleFromList(&m_pTriangles[t]); });
-    const std::vector<int>& neighbour = replay.Neighbours();
+    const std::vector<int>& replayed = replay.Neighbours();
     for (int i = 0; i < n; ++i)
         for (int k = 0; k < 3; ++k) {
-            const int u = neighbour[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
+            const int u = replayed[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
             m_pTriangles[i].pNeighbour[k] = u >= 0 ? &m_pTriangles[u] : nullptr;
         }
 }

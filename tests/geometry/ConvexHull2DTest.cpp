@@ -1,5 +1,9 @@
 #include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
@@ -125,4 +129,100 @@ TEST(ConvexHull2D, UnderflowPrintsErrorAndGivesAnEmptyHull)
     const auto hull = Hull({{2, 0}, {2, 0}, {0, 0}, {2, 0}});
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error\n");
     EXPECT_TRUE(hull.empty());
+}
+
+namespace {
+
+// Exposes the sorted, squashed records and the deletion count the constructor leaves.
+class InspectedHull : public CHConvexHull2D {
+public:
+    explicit InspectedHull(CSSE3dPolygon* polygon) : CHConvexHull2D(polygon) {}
+    std::vector<int> Order() const
+    {
+        std::vector<int> order;
+        for (int i = 0; i < m_nNumPoints; ++i)
+            order.push_back(m_pPoints[i].iIndex * 2 + (m_pPoints[i].bDeleted ? 1 : 0));
+        return order;
+    }
+    int Deletions() const { return m_nNumDeleted; }
+};
+
+struct HullRun {
+    std::vector<int> order;
+    int deletions;
+    std::vector<XY> hull;
+    std::string printed;
+};
+
+HullRun RunHull(const std::vector<XY>& points, bool direct)
+{
+    CSSE3dPolygon polygon;
+    polygon.Create(static_cast<int>(points.size()));
+    for (int i = 0; i < static_cast<int>(points.size()); ++i)
+        polygon.SetPoint(i, points[i].x, points[i].y, 0.0f);
+    qzsse::detail::g_bDirectHullSort = direct;
+    testing::internal::CaptureStdout();
+    InspectedHull hull(&polygon);
+    HullRun run{hull.Order(), hull.Deletions(), {}, testing::internal::GetCapturedStdout()};
+    qzsse::detail::g_bDirectHullSort = false;
+    CSSE2dPolygon out;
+    hull.ObtainConvexHull2D(&out);
+    for (int i = 0; i < out.GetNumPoints(); ++i) {
+        XY p;
+        out.GetPoint(i, p.x, p.y);
+        run.hull.push_back(p);
+    }
+    return run;
+}
+
+}  // namespace
+
+TEST(ConvexHull2D, FastSortLeavesWhatTheRecordByRecordSortLeaves)
+{
+    // Sets where many comparisons fall within the tolerance: repeats, lattice runs on rays
+    // from the pivot, coordinates so small that every doubled area is below 0.0005, points on
+    // a circle, and NaN coordinates (which compare as collinear with everything).
+    std::mt19937 rng(99);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    int cases = 0, withDeletions = 0, withError = 0;
+    for (int round = 0; round < 600; ++round) {
+        const int n = 1 + static_cast<int>(rng() % (round % 10 == 0 ? 5000 : 200));
+        const int kind = round % 6;
+        const float scale = kind == 2 ? 1e-3f : kind == 3 ? 1e5f : 1.0f;
+        std::uniform_int_distribution<int> lattice(0, 2 + round % 7);
+        std::uniform_real_distribution<float> real(-1.0f, 1.0f);
+        std::vector<XY> points;
+        for (int k = 0; k < n; ++k) {
+            XY p;
+            if (kind == 4) {
+                const float angle = static_cast<float>(rng() % 64) * 0.0981748f;
+                p = {std::cos(angle), std::sin(angle)};
+            } else if (kind == 5 && rng() % 8 == 0) {
+                p = {nan, real(rng)};
+            } else if (kind <= 1) {
+                p = {static_cast<float>(lattice(rng)), static_cast<float>(lattice(rng))};
+            } else {
+                p = {real(rng), real(rng)};
+            }
+            p.x *= scale;
+            p.y *= scale;
+            points.push_back(p);
+            if (rng() % 4 == 0)
+                points.push_back(points[rng() % points.size()]);
+        }
+        const HullRun direct = RunHull(points, true);
+        const HullRun fast = RunHull(points, false);
+        ASSERT_EQ(fast.order, direct.order) << "round " << round;
+        ASSERT_EQ(fast.deletions, direct.deletions) << "round " << round;
+        ASSERT_EQ(fast.printed, direct.printed) << "round " << round;
+        ASSERT_EQ(fast.hull.size(), direct.hull.size()) << "round " << round;
+        for (size_t i = 0; i < fast.hull.size(); ++i)
+            ASSERT_EQ(std::memcmp(&fast.hull[i], &direct.hull[i], sizeof(XY)), 0) << "round " << round;
+        ++cases;
+        withDeletions += direct.deletions > 0;
+        withError += !direct.printed.empty();
+    }
+    // The sets must reach the paths they are meant for.
+    EXPECT_GT(withDeletions, cases / 2);
+    EXPECT_GT(withError, 0);
 }

@@ -9,6 +9,7 @@
 #include <xmmintrin.h>
 
 #include "mesh/MeshTestUtil.h"
+#include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 using namespace qzsse::test;
 
@@ -153,6 +154,106 @@ TEST(Neighbours, MatchPairwiseScanOnShuffledGridsWithZeroedSurplus)
         CHTriangulation tail(2 * w * h + surplus, 1, 1, 1);
         writeGrid(tail, w, h);
         expectSameAsScan(tail, "surplus at the end");
+    }
+}
+
+void expectSameAsScanAndReplay(CHTriangulation& mesh, int round)
+{
+    const int n = mesh.GetNumTriangles();
+    qzsse::detail::g_bDirectNeighbourReplay = true;
+    mesh.CalcNeighbours();
+    const Adjacency replayed = adjacencyOf(mesh);
+    qzsse::detail::g_bDirectNeighbourReplay = false;
+    expectSameAsScan(mesh, ("round " + std::to_string(round)).c_str());
+    const Adjacency got = adjacencyOf(mesh);
+    ASSERT_EQ(got.neighbour, replayed.neighbour) << round;
+    ASSERT_EQ(got.listed, replayed.listed) << round;
+    // The removed records keep no links.
+    for (int t = 0; t < n; ++t) {
+        if (std::find(got.listed.begin(), got.listed.end(), t) == got.listed.end()) {
+            ASSERT_TRUE(mesh.GetTriangles()[t].pNext == nullptr && mesh.GetTriangles()[t].pPrev == nullptr) << round;
+        }
+    }
+}
+
+// Shuffled grids with rotated corners, plain or with one extra triangle that keeps the mesh
+// plain (on a border edge) or not (a third triangle on an inner edge, a repeated triangle, a
+// triangle with two equal corners, a NaN corner, -0.0 against +0.0), against the scan and
+// against the replay of it.
+TEST(Neighbours, PlainMeshesAndTheirNearMissesMatchScanAndReplay)
+{
+    enum Extra { kNone, kOnBorderEdge, kOnInnerEdge, kRepeated, kTwoEqualCorners, kNaNCorner, kNegativeZero };
+    std::mt19937 rng(23);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (int round = 0; round < 140; ++round) {
+        const Extra extra = Extra(round % 7);
+        const int w = 1 + int(rng() % 6), h = 1 + int(rng() % 6), cells = 2 * w * h;
+        CHTriangulation grid(cells, 1, 1, 1);
+        writeGrid(grid, w, h);
+        const int n = cells + (extra == kNone ? 0 : 1);
+        std::vector<int> order(size_t(n), 0);
+        for (int i = 0; i < n; ++i)
+            order[size_t(i)] = i;
+        std::shuffle(order.begin(), order.end(), rng);
+        CHTriangulation mesh(n, 1, 1, 1);
+        for (int i = 0; i < n; ++i) {
+            const int r = int(rng() % 3), t = order[size_t(i)];
+            if (t < cells) {
+                for (int k = 0; k < 3; ++k)
+                    mesh.GetTriangles()[i].pPoint[k]->m = grid.GetTriangles()[t].pPoint[(k + r) % 3]->m;
+                continue;
+            }
+            const float cx = float(rng() % unsigned(w)), cy = float(rng() % unsigned(h));
+            switch (extra) {
+            case kOnBorderEdge:   // below the bottom edge of cell (cx, 0)
+                setCorner(mesh, i, 0, cx, 0), setCorner(mesh, i, 1, cx + 0.5f, -1), setCorner(mesh, i, 2, cx + 1, 0);
+                break;
+            case kOnInnerEdge:    // across the diagonal of cell (cx, cy)
+                setCorner(mesh, i, 0, cx, cy), setCorner(mesh, i, 1, cx + 1, cy + 1), setCorner(mesh, i, 2, cx + 3, cy);
+                break;
+            case kRepeated:
+                for (int k = 0; k < 3; ++k)
+                    mesh.GetTriangles()[i].pPoint[k]->m = grid.GetTriangles()[int(rng() % unsigned(cells))].pPoint[(k + r) % 3]->m;
+                break;
+            case kTwoEqualCorners:
+                setCorner(mesh, i, 0, cx, cy), setCorner(mesh, i, 1, cx + 1, cy + 1), setCorner(mesh, i, 2, cx, cy);
+                break;
+            case kNaNCorner:
+                setCorner(mesh, i, 0, cx, cy), setCorner(mesh, i, 1, cx + 1, cy + 1), setCorner(mesh, i, 2, nan, cy);
+                break;
+            default:              // the origin written as -0.0, with a border edge of cell (0, 0)
+                setCorner(mesh, i, 0, -0.0f, 0), setCorner(mesh, i, 1, 0.5f, -1), setCorner(mesh, i, 2, 1, 0);
+                break;
+            }
+        }
+        expectSameAsScanAndReplay(mesh, round);
+    }
+}
+
+// A closed fan and an open one around a point with many triangles, in shuffled records.
+TEST(Neighbours, FansMatchScanAndReplay)
+{
+    std::mt19937 rng(3);
+    for (const int spokes : {3, 17, 40, 200}) {
+        for (const bool closed : {true, false}) {
+            const int n = closed ? spokes : spokes - 1;
+            std::vector<int> order(size_t(n), 0);
+            for (int i = 0; i < n; ++i)
+                order[size_t(i)] = i;
+            std::shuffle(order.begin(), order.end(), rng);
+            CHTriangulation mesh(n, 1, 1, 1);
+            const auto rim = [spokes](int k, float& x, float& y) {
+                x = std::cos(6.2831853f * float(k % spokes) / float(spokes));
+                y = std::sin(6.2831853f * float(k % spokes) / float(spokes));
+            };
+            for (int i = 0; i < n; ++i) {
+                float x0, y0, x1, y1;
+                rim(order[size_t(i)], x0, y0);
+                rim(order[size_t(i)] + 1, x1, y1);
+                setCorner(mesh, i, 0, 0, 0), setCorner(mesh, i, 1, x0, y0), setCorner(mesh, i, 2, x1, y1);
+            }
+            expectSameAsScanAndReplay(mesh, spokes);
+        }
     }
 }
 
