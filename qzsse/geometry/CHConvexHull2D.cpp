@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "qzsse/core/SafeAlloc.h"
-#include "qzsse/mesh/detail/LargeScratch.h"
+#include "qzsse/core/detail/LargeScratch.h"
 #include "qzsse/polygon/CSSE2dPolygon.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 

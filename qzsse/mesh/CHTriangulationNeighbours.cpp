@@ -10,7 +10,7 @@
 // walk is replayed over those alone, in the same order.
 
 #include "qzsse/mesh/CHTriangulation.h"
-#include "qzsse/mesh/detail/LargeScratch.h"
+#include "qzsse/core/detail/LargeScratch.h"
 #include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
