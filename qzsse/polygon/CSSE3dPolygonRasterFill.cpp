@@ -15,6 +15,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
 #include "qzsse/matrix/detail/RowMask.h"
+#include "qzsse/polygon/detail/BandBitFill.h"
 #include "qzsse/polygon/detail/BandMaskFill.h"
 #include "qzsse/polygon/detail/RasterCommon.h"
 

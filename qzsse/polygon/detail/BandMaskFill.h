@@ -28,6 +28,21 @@ struct FloatBands {
         const __m128 old = cell;
         cell = _mm_or_ps(_mm_and_ps(mask, update(old)), _mm_andnot_ps(mask, old));
     }
+
+    // All ones in the lanes of the set bits of lanes (bit i: lane i).
+    static __m128 laneMask(unsigned lanes)
+    {
+        const __m128i bit = _mm_setr_epi32(1, 2, 4, 8);
+        const __m128i set = _mm_and_si128(_mm_set1_epi32(static_cast<int>(lanes)), bit);
+        return _mm_castsi128_ps(_mm_cmpeq_epi32(set, bit));
+    }
+
+    template <class Update>
+    static void select(Vector& cell, Vector mask, Update& update)
+    {
+        const __m128 old = cell;
+        cell = _mm_or_ps(_mm_and_ps(mask, update(old)), _mm_andnot_ps(mask, old));
+    }
 };
 
 // Char matrix: sixteen rows per band, one byte mask lane per row.
@@ -43,6 +58,23 @@ struct CharBands {
         const __m128i mask = _mm_load_si128(reinterpret_cast<const __m128i*>(flags));
         if (_mm_movemask_epi8(mask) == 0)
             return;
+        const __m128i old = cell;
+        cell = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));
+    }
+
+    // All ones in the lanes of the set bits of lanes (bit i: lane i).
+    static __m128i laneMask(unsigned lanes)
+    {
+        const __m128i bit = _mm_setr_epi8(1, 2, 4, 8, 16, 32, 64, -128, 1, 2, 4, 8, 16, 32, 64, -128);
+        const __m128i low = _mm_set1_epi8(static_cast<char>(lanes & 0xff));
+        const __m128i high = _mm_set1_epi8(static_cast<char>(lanes >> 8));
+        const __m128i set = _mm_and_si128(_mm_unpacklo_epi64(low, high), bit);
+        return _mm_cmpeq_epi8(set, bit);
+    }
+
+    template <class Update>
+    static void select(Vector& cell, Vector mask, Update& update)
+    {
         const __m128i old = cell;
         cell = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));
     }
@@ -169,22 +201,5 @@ private:
     int m_lo = 0x7fffffff;
     int m_hi = -1;
 };
-
-// Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
-template <class Bands, class Update>
-void foldInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, typename Bands::Vector** bands,
-                    int width, int height, Update update)
-{
-    if (outline.n < 3 || x0 > x1 || y0 > y1)
-        return;
-    RowInsideScanner scanner(outline);
-    BandMaskFolder<Bands, Update> folder(bands, width, height, update);
-    std::vector<InsideRun> runs;
-    for (long long y = y0; y <= y1; ++y) {
-        scanner.scanRow(static_cast<int>(y), x0, x1, runs);
-        folder.addRuns(static_cast<int>(y), runs);
-    }
-    folder.finish();
-}
 
 } // namespace qzsse::detail
