@@ -5,6 +5,8 @@
 #include <cstring>
 #include <limits>
 
+#include <emmintrin.h>
+
 #include "qzsse/polygon/detail/FirstHolding.h"
 
 namespace qzsse::detail {
@@ -63,14 +65,47 @@ InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
         m_edges.push_back({ax, ay, bx - ax, by - ay, static_cast<int>(first), static_cast<int>(last), std::max(ay, by)});
     }
     std::sort(m_edges.begin(), m_edges.end(), [](const Edge& a, const Edge& b) { return a.maxY > b.maxY; });
+    m_gone.reserve(m_edges.size());
     restart();
 }
 
 void InsideRowBits::restart()
 {
     m_next = 0;
-    m_met.clear();
+    m_met = 0;
     m_above.assign(static_cast<size_t>(m_lastWord - m_firstWord + 1), 0);
+    // One word more: an interval's end may toggle the column after the last one.
+    m_toggles.assign(m_above.size() + 1, 0);
+    const size_t padded = (m_edges.size() + 3) & ~size_t(3);
+    for (std::vector<float>* v : {&m_ax, &m_ay, &m_dx, &m_dy, &m_slope})
+        v->assign(padded, 0.0f);
+    m_mFirst.assign(padded, 0);
+    m_mLast.assign(padded, 0);
+}
+
+void InsideRowBits::meet(const Edge& e)
+{
+    m_ax[m_met] = e.ax;
+    m_ay[m_met] = e.ay;
+    m_dx[m_met] = e.dx;
+    m_dy[m_met] = e.dy;
+    // Only a guess (checked): a horizontal edge never has a crossing to guess.
+    m_slope[m_met] = e.dy != 0.0f ? e.dx / e.dy : 0.0f;
+    m_mFirst[m_met] = e.first;
+    m_mLast[m_met] = e.last;
+    ++m_met;
+}
+
+void InsideRowBits::forget(size_t k)
+{
+    const size_t last = --m_met;
+    m_ax[k] = m_ax[last];
+    m_ay[k] = m_ay[last];
+    m_dx[k] = m_dx[last];
+    m_dy[k] = m_dy[last];
+    m_slope[k] = m_slope[last];
+    m_mFirst[k] = m_mFirst[last];
+    m_mLast[k] = m_mLast[last];
 }
 
 void InsideRowBits::flip(std::uint64_t* words, int from, int to) const
@@ -90,6 +125,27 @@ void InsideRowBits::flip(std::uint64_t* words, int from, int to) const
     words[w1] ^= tail;
 }
 
+void InsideRowBits::toggle(int column)
+{
+    const int b = column - m_base;
+    m_toggles[static_cast<size_t>((b >> 6) - m_firstWord)] ^= std::uint64_t(1) << (b & 63);
+}
+
+// Where met edge k's comparison changes within its range in row fy (it holds at one end
+// only): the first column of the suffix where it holds, or the first after the prefix.
+int InsideRowBits::boundary(size_t k, float fy) const
+{
+    const float ax = m_ax[k], dx = m_dx[k], dy = m_dy[k];
+    const float rhs = dx * (fy - m_ay[k]);
+    const auto passesAbove = [=](int x) { return dy * (static_cast<float>(x) - ax) > rhs; };
+    const double crossing = static_cast<double>(ax) + static_cast<double>(dx) *
+                                                         (static_cast<double>(fy) - static_cast<double>(m_ay[k])) /
+                                                         static_cast<double>(dy);
+    if (passesAbove(m_mLast[k]))
+        return firstHolding(m_mFirst[k] + 1, m_mLast[k], std::floor(crossing) + 1.0, passesAbove);
+    return firstHolding(m_mFirst[k] + 1, m_mLast[k], std::ceil(crossing), [&](int x) { return !passesAbove(x); });
+}
+
 bool InsideRowBits::scanRow(int y, std::uint64_t* row)
 {
     if (!m_exact || m_first > m_last)
@@ -103,42 +159,98 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
 
     // Edges whose top reaches the row start being evaluated (those below never toggle).
     while (m_next < m_edges.size() && m_edges[m_next].maxY >= fy)
-        m_met.push_back(m_edges[m_next++]);
+        meet(m_edges[m_next++]);
 
-    m_flips.clear();
-    for (size_t k = 0; k < m_met.size();) {
-        const Edge& e = m_met[k];
-        const float rhs = e.dx * (fy - e.ay);
-        const auto passesAbove = [&e, rhs](int x) { return e.dy * (static_cast<float>(x) - e.ax) > rhs; };
-        const bool atFirst = passesAbove(e.first);
-        const bool atLast = passesAbove(e.last);
-        if (atFirst && atLast) {
-            // Above the whole range here, so also in every lower row.
-            flip(m_above.data(), e.first, e.last);
-            m_met[k] = m_met.back();
-            m_met.pop_back();
+    // Four met edges at a time, each lane with the rule's own float operations: the
+    // comparison at both ends of the range, and at a guessed boundary g and g - 1, which
+    // confirm the guess when they differ. A lane whose guess is not confirmed is searched.
+    const __m128 vfy = _mm_set1_ps(fy);
+    const __m128 one = _mm_set1_ps(1.0f);
+    alignas(16) int from[4], to[4];
+    m_gone.clear();
+    for (size_t k = 0; k < m_met; k += 4) {
+        const __m128 ax = _mm_loadu_ps(&m_ax[k]);
+        const __m128 dy = _mm_loadu_ps(&m_dy[k]);
+        const __m128 rise = _mm_sub_ps(vfy, _mm_loadu_ps(&m_ay[k]));
+        const __m128 rhs = _mm_mul_ps(_mm_loadu_ps(&m_dx[k]), rise);
+        const __m128i firstI = _mm_loadu_si128(reinterpret_cast<const __m128i*>(&m_mFirst[k]));
+        const __m128i lastI = _mm_loadu_si128(reinterpret_cast<const __m128i*>(&m_mLast[k]));
+        const __m128 first = _mm_cvtepi32_ps(firstI);
+        const __m128 last = _mm_cvtepi32_ps(lastI);
+        const auto passesAbove = [&](__m128 x) { return _mm_cmpgt_ps(_mm_mul_ps(dy, _mm_sub_ps(x, ax)), rhs); };
+        const __m128 atFirst = passesAbove(first);
+        const __m128 atLast = passesAbove(last);
+        int lanes = 15;
+        if (m_met - k < 4)
+            lanes = (1 << (m_met - k)) - 1;
+        const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
+        const int partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
+        if (whole != 0)
+            for (int lane = 0; lane < 4; ++lane)
+                if (whole & (1 << lane))
+                    m_gone.push_back(k + static_cast<size_t>(lane));
+        if (partial == 0)
             continue;
-        }
-        ++k;
-        if (!atFirst && !atLast)
-            continue; // above none of the range
-        const double crossing = static_cast<double>(e.ax) + static_cast<double>(e.dx) *
-                                                               (static_cast<double>(fy) - static_cast<double>(e.ay)) /
-                                                               static_cast<double>(e.dy);
-        if (atLast) {
-            // Holds on a suffix (dy > 0).
-            m_flips.push_back({firstHolding(e.first + 1, e.last, std::floor(crossing) + 1.0, passesAbove), e.last});
-        } else {
-            // Holds on a prefix (dy < 0).
-            const int end = firstHolding(e.first + 1, e.last, std::ceil(crossing),
-                                         [&passesAbove](int x) { return !passesAbove(x); });
-            m_flips.push_back({e.first, end - 1});
+        // g: floor(crossing) + 1 for a suffix, ceil(crossing) for a prefix, kept within
+        // first + 1 .. last (both exact as floats); truncation is floor on the clamped values
+        // once shifted by -first.
+        const __m128 crossing = _mm_add_ps(ax, _mm_mul_ps(rise, _mm_loadu_ps(&m_slope[k])));
+        const __m128 rel = _mm_min_ps(_mm_max_ps(_mm_sub_ps(crossing, first), _mm_setzero_ps()), _mm_sub_ps(last, first));
+        const __m128 down = _mm_cvtepi32_ps(_mm_cvttps_epi32(rel));
+        const __m128 up = _mm_add_ps(down, _mm_and_ps(_mm_cmplt_ps(down, rel), one));
+        const __m128 step = _mm_or_ps(_mm_and_ps(atLast, _mm_add_ps(down, one)), _mm_andnot_ps(atLast, up));
+        const __m128 g = _mm_add_ps(first, _mm_min_ps(_mm_max_ps(step, one), _mm_sub_ps(last, first)));
+        const __m128 changes = _mm_xor_ps(passesAbove(g), passesAbove(_mm_sub_ps(g, one)));
+        const int confirmed = _mm_movemask_ps(changes) & partial;
+        const __m128i gI = _mm_cvttps_epi32(g);
+        // Suffix: toggles at g and last + 1; prefix: at first and g.
+        const __m128i suffix = _mm_castps_si128(atLast);
+        _mm_store_si128(reinterpret_cast<__m128i*>(from),
+                        _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(to),
+                        _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
+                                     _mm_andnot_si128(suffix, gI)));
+        const int atLastBits = _mm_movemask_ps(atLast);
+        for (int lane = 0; lane < 4; ++lane) {
+            const int bit = 1 << lane;
+            if ((partial & bit) == 0)
+                continue;
+            if ((confirmed & bit) == 0) {
+                const size_t j = k + static_cast<size_t>(lane);
+                const int b = boundary(j, fy);
+                if (atLastBits & bit)
+                    from[lane] = b;
+                else
+                    to[lane] = b;
+            }
+            toggle(from[lane]);
+            toggle(to[lane]);
         }
     }
+    // Edges wholly above here are so in every lower row: their ranges join the running parity.
+    for (size_t i = m_gone.size(); i-- > 0;) {
+        const size_t k = m_gone[i];
+        flip(m_above.data(), m_mFirst[k], m_mLast[k]);
+        forget(k);
+    }
+
+    // The row: the running parity, flipped from each toggle on (a prefix xor of the toggles).
+    std::uint64_t carry = 0;
     std::uint64_t* words = row + m_firstWord;
-    std::memcpy(words, m_above.data(), m_above.size() * sizeof(std::uint64_t));
-    for (const Flip& f : m_flips)
-        flip(words, f.from, f.to);
+    for (size_t w = 0; w < m_above.size(); ++w) {
+        std::uint64_t t = m_toggles[w];
+        m_toggles[w] = 0;
+        t ^= t << 1;
+        t ^= t << 2;
+        t ^= t << 4;
+        t ^= t << 8;
+        t ^= t << 16;
+        t ^= t << 32;
+        t ^= carry;
+        carry = std::uint64_t(0) - (t >> 63);
+        words[w] = m_above[w] ^ t;
+    }
+    m_toggles[m_above.size()] = 0;
     return true;
 }
 

@@ -43,8 +43,12 @@ private:
         float maxY;
     };
     void restart();
+    void meet(const Edge& e);
+    void forget(size_t k);
     // Flips columns from .. to of a row held from word firstWord() on.
     void flip(std::uint64_t* words, int from, int to) const;
+    void toggle(int column);
+    int boundary(size_t k, float fy) const;
 
     OutlineXY m_outline;
     bool m_exact = false;
@@ -53,12 +57,14 @@ private:
     int m_firstWord = 0, m_lastWord = -1;
     std::vector<Edge> m_edges; // by decreasing maxY
     size_t m_next = 0;         // first edge not yet met
-    std::vector<Edge> m_met;   // edges met and not yet wholly above the row
-    std::vector<std::uint64_t> m_above; // parity of the edges wholly above, from m_firstWord
-    struct Flip {
-        int from, to;
-    };
-    std::vector<Flip> m_flips; // the met edges' intervals in the current row
+    // The edges met and not yet wholly above the row, as structure of arrays padded to a
+    // multiple of four; slope is dx / dy, for a first guess at where an edge crosses a row.
+    std::vector<float> m_ax, m_ay, m_dx, m_dy, m_slope;
+    std::vector<int> m_mFirst, m_mLast;
+    size_t m_met = 0;
+    std::vector<size_t> m_gone; // met edges found wholly above in the current row
+    std::vector<std::uint64_t> m_above;   // parity of the edges wholly above, from m_firstWord
+    std::vector<std::uint64_t> m_toggles; // the current row's flips, as their start columns
     float m_lastRow = 0.0f;
 };
 
