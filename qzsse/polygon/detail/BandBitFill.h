@@ -113,12 +113,11 @@ private:
                 a = (length + from >= 64) ? 0 : a & (~std::uint64_t(0) << (from + length));
             }
             // Columns with some lanes set.
-            for (std::uint64_t p = any & ~all; p != 0; p &= p - 1) {
-                const int b = __builtin_ctzll(p);
-                unsigned set = 0;
+            if (any != all) {
+                const std::uint64_t* words[lanes];
                 for (int l = 0; l < lanes; ++l)
-                    set |= static_cast<unsigned>((bits[l][w] >> b) & 1) << l;
-                Bands::select(base[b], Bands::laneMask(set), m_update);
+                    words[l] = bits[l] + w;
+                Bands::selectColumns(base, words, any & ~all, m_update);
             }
         }
         for (int l = 0; l < lanes; ++l)

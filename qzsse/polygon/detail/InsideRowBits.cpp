@@ -125,12 +125,6 @@ void InsideRowBits::flip(std::uint64_t* words, int from, int to) const
     words[w1] ^= tail;
 }
 
-void InsideRowBits::toggle(int column)
-{
-    const int b = column - m_base;
-    m_toggles[static_cast<size_t>((b >> 6) - m_firstWord)] ^= std::uint64_t(1) << (b & 63);
-}
-
 // Where met edge k's comparison changes within its range in row fy (it holds at one end
 // only): the first column of the suffix where it holds, or the first after the prefix.
 int InsideRowBits::boundary(size_t k, float fy) const
@@ -239,6 +233,10 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     std::uint64_t* words = row + m_firstWord;
     for (size_t w = 0; w < m_above.size(); ++w) {
         std::uint64_t t = m_toggles[w];
+        if (t == 0) {
+            words[w] = m_above[w] ^ carry;
+            continue;
+        }
         m_toggles[w] = 0;
         t ^= t << 1;
         t ^= t << 2;

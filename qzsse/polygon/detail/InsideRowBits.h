@@ -47,7 +47,11 @@ private:
     void forget(size_t k);
     // Flips columns from .. to of a row held from word firstWord() on.
     void flip(std::uint64_t* words, int from, int to) const;
-    void toggle(int column);
+    void toggle(int column)
+    {
+        const int b = column - m_base;
+        m_toggles[static_cast<size_t>((b >> 6) - m_firstWord)] ^= std::uint64_t(1) << (b & 63);
+    }
     int boundary(size_t k, float fy) const;
 
     OutlineXY m_outline;
