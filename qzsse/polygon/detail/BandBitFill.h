@@ -34,22 +34,19 @@ public:
     // Words of a bit row.
     int words() const { return m_words; }
 
-    // ORs words w0 .. w1 of the bit row of scan row y (any row: it is clamped here).
-    void addRow(int y, const std::uint64_t* row, int w0, int w1)
+    // The bit row that scan row y (any row: it is clamped here) is to be ORed into, words
+    // w0 .. w1 of it.
+    std::uint64_t* rowFor(int y, int w0, int w1)
     {
-        if (w0 > w1)
-            return;
         const int clamped = clampInto(y, 0, m_height - 1);
         const int band = clamped >> Bands::c_iShift;
         if (band != m_band) {
             flush();
             m_band = band;
         }
-        std::uint64_t* lane = laneBits(clamped & (Bands::c_iLanes - 1));
-        for (int w = w0; w <= w1; ++w)
-            lane[w] |= row[w];
         m_lo = std::min(m_lo, w0);
         m_hi = std::max(m_hi, w1);
+        return laneBits(clamped & (Bands::c_iLanes - 1));
     }
 
     void finish() { flush(); }
@@ -149,10 +146,9 @@ void foldInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, ty
         InsideRowBits scan(outline, x0, x1, Folder::c_iBase);
         if (scan.exact()) {
             Folder folder(bands, width, height, update);
-            std::vector<std::uint64_t> row(static_cast<size_t>(folder.words()));
-            for (long long y = y1; y >= y0; --y)
-                if (scan.scanRow(static_cast<int>(y), row.data()))
-                    folder.addRow(static_cast<int>(y), row.data(), scan.firstWord(), scan.lastWord());
+            if (scan.firstWord() <= scan.lastWord())
+                for (long long y = y1; y >= y0; --y)
+                    scan.scanRow(static_cast<int>(y), folder.rowFor(static_cast<int>(y), scan.firstWord(), scan.lastWord()));
             folder.finish();
             return;
         }

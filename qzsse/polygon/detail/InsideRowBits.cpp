@@ -20,6 +20,13 @@ bool safeCoordinate(float v)
     return std::isfinite(v) && std::fabs(v) <= c_dLargestSafeCoordinate;
 }
 
+// All ones in the first min(count, 4) lanes.
+inline __m128 inRange(size_t count)
+{
+    const int c = count < 4 ? static_cast<int>(count) : 4;
+    return _mm_castsi128_ps(_mm_cmpgt_epi32(_mm_set1_epi32(c), _mm_setr_epi32(0, 1, 2, 3)));
+}
+
 } // namespace
 
 InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
@@ -197,26 +204,31 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 changes = _mm_xor_ps(passesAbove(g), passesAbove(_mm_sub_ps(g, one)));
         const int confirmed = _mm_movemask_ps(changes) & partial;
         const __m128i gI = _mm_cvttps_epi32(g);
-        // Suffix: toggles at g and last + 1; prefix: at first and g.
+        // Suffix: toggles at g and last + 1; prefix: at first and g. Lanes that are not
+        // partial toggle the first scanned column twice, which changes nothing.
         const __m128i suffix = _mm_castps_si128(atLast);
+        const __m128i live = _mm_castps_si128(_mm_and_ps(_mm_xor_ps(atFirst, atLast), inRange(m_met - k)));
+        const __m128i none = _mm_set1_epi32(m_first);
+        const __m128i fromI = _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI));
+        const __m128i toI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
+                                         _mm_andnot_si128(suffix, gI));
         _mm_store_si128(reinterpret_cast<__m128i*>(from),
-                        _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(to),
-                        _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
-                                     _mm_andnot_si128(suffix, gI)));
-        const int atLastBits = _mm_movemask_ps(atLast);
-        for (int lane = 0; lane < 4; ++lane) {
-            const int bit = 1 << lane;
-            if ((partial & bit) == 0)
-                continue;
-            if ((confirmed & bit) == 0) {
-                const size_t j = k + static_cast<size_t>(lane);
-                const int b = boundary(j, fy);
+                        _mm_or_si128(_mm_and_si128(live, fromI), _mm_andnot_si128(live, none)));
+        _mm_store_si128(reinterpret_cast<__m128i*>(to), _mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)));
+        if (const int searched = partial & ~confirmed; searched != 0) {
+            const int atLastBits = _mm_movemask_ps(atLast);
+            for (int lane = 0; lane < 4; ++lane) {
+                const int bit = 1 << lane;
+                if ((searched & bit) == 0)
+                    continue;
+                const int b = boundary(k + static_cast<size_t>(lane), fy);
                 if (atLastBits & bit)
                     from[lane] = b;
                 else
                     to[lane] = b;
             }
+        }
+        for (int lane = 0; lane < 4; ++lane) {
             toggle(from[lane]);
             toggle(to[lane]);
         }
@@ -234,7 +246,7 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     for (size_t w = 0; w < m_above.size(); ++w) {
         std::uint64_t t = m_toggles[w];
         if (t == 0) {
-            words[w] = m_above[w] ^ carry;
+            words[w] |= m_above[w] ^ carry;
             continue;
         }
         m_toggles[w] = 0;
@@ -246,7 +258,7 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         t ^= t << 32;
         t ^= carry;
         carry = std::uint64_t(0) - (t >> 63);
-        words[w] = m_above[w] ^ t;
+        words[w] |= m_above[w] ^ t;
     }
     m_toggles[m_above.size()] = 0;
     return true;

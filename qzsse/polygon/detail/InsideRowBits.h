@@ -31,9 +31,9 @@ public:
     int firstWord() const { return m_firstWord; }
     int lastWord() const { return m_lastWord; }
 
-    // Writes words firstWord() .. lastWord() of row y into row (indexed from word 0) and
-    // says whether the row can hold inside pixels at all (false: nothing written). Rows are
-    // taken in decreasing order; a higher row than the last starts the scan over.
+    // ORs words firstWord() .. lastWord() of row y into row (indexed from word 0) and says
+    // whether the row can hold inside pixels at all (false: nothing changed). Rows are taken
+    // in decreasing order; a higher row than the last starts the scan over.
     bool scanRow(int y, std::uint64_t* row);
 
 private:
