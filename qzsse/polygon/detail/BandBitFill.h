@@ -31,9 +31,6 @@ public:
     {
     }
 
-    // Words of a bit row.
-    int words() const { return m_words; }
-
     // The bit row that scan row y (any row: it is clamped here) is to be ORed into, words
     // w0 .. w1 of it.
     std::uint64_t* rowFor(int y, int w0, int w1)
