@@ -1,7 +1,7 @@
 // Polygon rasterisation and point-in-polygon on a star-shaped polygon of N vertices (the
 // benchmark argument) centred in a 2048 x 2048 matrix, beside the peers on the same input
 // when they are installed: Boost.Geometry `within` for the point queries and OpenCV
-// `cv::fillPoly` for the fill.
+// `cv::fillPoly` for the fills (float image for the float fills, 8-bit for the char fill).
 
 #include <algorithm>
 #include <cmath>
@@ -13,6 +13,7 @@
 #include <benchmark/benchmark.h>
 
 #include "qzsse/matrix/CSSEMatrix.h"
+#include "qzsse/matrix/CSSEcharMatrix.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
 #if defined(QZSSE_BENCH_WITH_BOOST)
@@ -66,20 +67,57 @@ Scene& scene(int vertices)
     return s200;
 }
 
-void BM_DrawInMatrixAndFillFineMax(benchmark::State& state)
+// The fine fills into a float matrix; every pass changes the cells it reaches.
+template <class Fill>
+void fineFill(benchmark::State& state, Fill fill)
 {
     Scene& s = scene(static_cast<int>(state.range(0)));
     CSSEMatrix m;
     m.Create(kSize, kSize);
     float value = 1.0f;
     for (auto _ : state) {
-        s.polygon.DrawInMatrixAndFillFineMax(value, &m, false, -1e6f, 1e6f);
-        value += 1.0f; // every pass changes the cells it reaches
+        fill(s.polygon, value, m);
+        value += 1.0f;
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
 }
+
+void BM_DrawInMatrixAndFillFine(benchmark::State& state)
+{
+    fineFill(state, [](CSSE3dPolygon& p, float v, CSSEMatrix& m) { p.DrawInMatrixAndFillFine(v, &m, false, -1e6f, 1e6f); });
+}
+BENCHMARK(BM_DrawInMatrixAndFillFine)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInMatrixAndFillFineMax(benchmark::State& state)
+{
+    fineFill(state,
+             [](CSSE3dPolygon& p, float v, CSSEMatrix& m) { p.DrawInMatrixAndFillFineMax(v, &m, false, -1e6f, 1e6f); });
+}
 BENCHMARK(BM_DrawInMatrixAndFillFineMax)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInMatrixAndFillFineMin(benchmark::State& state)
+{
+    fineFill(state, [](CSSE3dPolygon& p, float v, CSSEMatrix& m) {
+        p.DrawInMatrixAndFillFineMin(-v, &m, false, -1e6f, 1e6f);
+    });
+}
+BENCHMARK(BM_DrawInMatrixAndFillFineMin)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInCharMatrixAndFillFine(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    CSSEcharMatrix m;
+    m.Create(kSize, kSize);
+    char value = 1;
+    for (auto _ : state) {
+        s.polygon.DrawInCharMatrixAndFillFine(value, &m, false, -1e6f, 1e6f);
+        value = static_cast<char>(value + 1);
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
+}
+BENCHMARK(BM_DrawInCharMatrixAndFillFine)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 void BM_PointInLineInnerArea(benchmark::State& state)
 {
@@ -119,9 +157,11 @@ BENCHMARK(BM_BoostWithin)->Arg(200)->Arg(2000);
 #endif
 
 #if defined(QZSSE_BENCH_WITH_OPENCV)
-// Sub-pixel vertices (4 fraction bits) into a float image of the same size.
-void BM_OpenCVFillPoly(benchmark::State& state)
+// Sub-pixel vertices (4 fraction bits) into an image of the same size; single-threaded, as
+// the fills are.
+void openCVFillPoly(benchmark::State& state, int type)
 {
+    cv::setNumThreads(1);
     Scene& s = scene(static_cast<int>(state.range(0)));
     constexpr int kShift = 4;
     std::vector<cv::Point> points;
@@ -129,16 +169,27 @@ void BM_OpenCVFillPoly(benchmark::State& state)
         points.emplace_back(static_cast<int>(std::lround(s.x[i] * (1 << kShift))),
                             static_cast<int>(std::lround(s.y[i] * (1 << kShift))));
     const std::vector<std::vector<cv::Point>> contours{points};
-    cv::Mat image(kSize, kSize, CV_32F, cv::Scalar(0.0));
-    float value = 1.0f;
+    cv::Mat image(kSize, kSize, type, cv::Scalar(0.0));
+    int value = 1;
     for (auto _ : state) {
-        cv::fillPoly(image, contours, cv::Scalar(value), cv::LINE_8, kShift);
-        value += 1.0f;
+        cv::fillPoly(image, contours, cv::Scalar(value % 128), cv::LINE_8, kShift);
+        ++value;
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
 }
+
+void BM_OpenCVFillPoly(benchmark::State& state)
+{
+    openCVFillPoly(state, CV_32F);
+}
 BENCHMARK(BM_OpenCVFillPoly)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_OpenCVFillPoly8U(benchmark::State& state)
+{
+    openCVFillPoly(state, CV_8U);
+}
+BENCHMARK(BM_OpenCVFillPoly8U)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 #endif
 
 } // namespace

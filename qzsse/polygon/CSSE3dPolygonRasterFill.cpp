@@ -1,6 +1,7 @@
 // Interior fills of CSSE3dPolygon into float and char matrices. Every fill is defined pixel
 // by pixel (PointInLineInnerArea on a prepared copy, coordinates clamped into the matrix)
-// and computed row by row with RowInsideScanner, which finds exactly the same pixels.
+// and computed row by row with InsideRowBits (the fine fills) or RowInsideScanner (the
+// others), which find exactly the same pixels.
 
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -15,6 +16,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
 #include "qzsse/matrix/detail/RowMask.h"
+#include "qzsse/polygon/detail/BandBitFill.h"
 #include "qzsse/polygon/detail/BandMaskFill.h"
 #include "qzsse/polygon/detail/RasterCommon.h"
 

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <limits>
+#include <string_view>
 
 #include "polygon/PolygonTestUtil.h"
 #include "qzsse/matrix/CSSEcharMatrix.h"
@@ -210,6 +211,91 @@ TEST(Fill, CharMatrixMatchesThePerPixelRule)
         for (int j = 0; j < got.GetSSESizeY(); ++j) // every stored byte, padding rows included
             ASSERT_EQ(std::memcmp(got.GetMatrixDataDirectly()[j], expected.GetMatrixDataDirectly()[j],
                                   16 * static_cast<size_t>(got.GetSSESizeX())), 0) << trial << ", band " << j;
+    }
+}
+
+// Larger outlines whose rows cross many edges and 64-column words: jagged stars, long
+// near-horizontal zigzags (boundaries found by search), thin vertical teeth, self-crossing
+// scatters, outlines scaled from 1e-3 to 1e5 about the matrix (far edges that nearly pass
+// through pixels), integer and half-integer vertices (crossings exactly on pixels), and
+// outlines reaching past every side.
+std::vector<FillCase> AdversarialCases()
+{
+    std::mt19937 rng(11);
+    std::vector<FillCase> cases;
+    const auto add = [&](Pts o, int width, int height) {
+        cases.push_back({std::move(o), {}, width, height, false, -1e6f, 1e6f, 3.0f, 0.5f});
+    };
+    add(StarOutline(rng, 300, 100, 90, 20, 95), 200, 180);
+    Pts zigzag;
+    for (int i = 0; i <= 40; ++i)
+        zigzag.push_back({-10.0f + 5.5f * i, 60.0f + ((i & 1) ? 0.37f : -0.0001f * i), 0.0f});
+    zigzag.push_back({210, 150, 0});
+    zigzag.push_back({-10, 150, 0});
+    add(zigzag, 200, 160);
+    Pts comb;
+    for (int i = 0; i < 30; ++i) {
+        const float x = 3.0f + 6.3f * i;
+        comb.push_back({x, 5, 0});
+        comb.push_back({x + 0.4f, 140.5f, 0});
+        comb.push_back({x + 2.9f, 140.5f, 0});
+        comb.push_back({x + 3.1f, 5, 0});
+    }
+    comb.push_back({195, -3, 0});
+    comb.push_back({3, -3, 0});
+    add(comb, 190, 150);
+    add(RandomPoints(rng, 60, 170.0f), 170, 170);
+    for (float scale : {1e-3f, 0.37f, 1e3f, 1e5f}) {
+        Pts far = StarOutline(rng, 40, 0, 0, 0.5f, 1.0f);
+        for (P3& q : far)
+            q = {70.0f + q.x * scale, 65.0f + q.y * scale * 0.01f, 0.0f};
+        add(far, 140, 130);
+    }
+    for (float unit : {1.0f, 0.5f}) {
+        Pts snapped = StarOutline(rng, 200, 66, 64, 10, 75);
+        for (P3& q : snapped)
+            q = {std::round(q.x / unit) * unit, std::round(q.y / unit) * unit, 0.0f};
+        add(snapped, 131, 129);
+        Pts scatter;
+        for (int i = 0; i < 50; ++i)
+            scatter.push_back({std::round(std::uniform_real_distribution<float>(-8, 140)(rng) / unit) * unit,
+                               std::round(std::uniform_real_distribution<float>(-8, 140)(rng) / unit) * unit, 0.0f});
+        add(scatter, 131, 129);
+    }
+    return cases;
+}
+
+TEST(Fill, AdversarialOutlinesMatchThePerPixelRule)
+{
+    std::mt19937 rng(7);
+    const std::vector<FillCase> cases = AdversarialCases();
+    for (size_t k = 0; k < cases.size(); ++k) {
+        const FillCase& c = cases[k];
+        for (const Variant& v : kVariants) {
+            if (std::string_view(v.name).substr(0, 4) != "Fine")
+                continue;
+            RasterPolygon p;
+            Fill(p, c.outline);
+            CSSEMatrix got = qzsse::test::randomMatrix(rng, c.width, c.height), expected(got);
+            v.draw(p, got, c);
+            v.model(p, expected, c);
+            ASSERT_EQ(Bits(got), Bits(expected)) << v.name << ", case " << k;
+        }
+        CSSE3dPolygon p;
+        Fill(p, c.outline);
+        CSSEcharMatrix got, expected;
+        got.Create(c.width, c.height);
+        expected.Create(c.width, c.height);
+        p.DrawInCharMatrixAndFillFine(9, &got, false, c.yMin, c.yMax);
+        int inside = 0;
+        ForEachFineInterior(p, c.width, c.height, false, c.yMin, c.yMax, [&](int x, int y) {
+            expected.SetPoint(x, y, 9);
+            ++inside;
+        });
+        EXPECT_GT(inside, 0) << "case " << k;
+        for (int j = 0; j < got.GetSSESizeY(); ++j)
+            ASSERT_EQ(std::memcmp(got.GetMatrixDataDirectly()[j], expected.GetMatrixDataDirectly()[j],
+                                  16 * static_cast<size_t>(got.GetSSESizeX())), 0) << "case " << k << ", band " << j;
     }
 }
 

@@ -28,6 +28,29 @@ struct FloatBands {
         const __m128 old = cell;
         cell = _mm_or_ps(_mm_and_ps(mask, update(old)), _mm_andnot_ps(mask, old));
     }
+
+    // Updates the cells of the set bits of columns (cells[b] for bit b), each in the lanes
+    // whose bit b is set in lanes[l][0].
+    template <class Update>
+    static void selectColumns(Vector* cells, const std::uint64_t* const* lanes, std::uint64_t columns, Update& update)
+    {
+        // Byte p of the four lanes' words side by side, as 32-bit unit p.
+        const __m128i a = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[0])),
+                                            _mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[1])));
+        const __m128i b = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[2])),
+                                            _mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[3])));
+        alignas(16) std::uint32_t bytes[8];
+        _mm_store_si128(reinterpret_cast<__m128i*>(bytes), _mm_unpacklo_epi16(a, b));
+        _mm_store_si128(reinterpret_cast<__m128i*>(bytes + 4), _mm_unpackhi_epi16(a, b));
+        for (; columns != 0; columns &= columns - 1) {
+            const int c = __builtin_ctzll(columns);
+            const __m128i bit = _mm_slli_epi32(_mm_setr_epi32(1, 1 << 8, 1 << 16, 1 << 24), c & 7);
+            const __m128i set = _mm_and_si128(_mm_set1_epi32(static_cast<int>(bytes[c >> 3])), bit);
+            const __m128 mask = _mm_castsi128_ps(_mm_cmpeq_epi32(set, bit));
+            const __m128 old = cells[c];
+            cells[c] = _mm_or_ps(_mm_and_ps(mask, update(old)), _mm_andnot_ps(mask, old));
+        }
+    }
 };
 
 // Char matrix: sixteen rows per band, one byte mask lane per row.
@@ -45,6 +68,38 @@ struct CharBands {
             return;
         const __m128i old = cell;
         cell = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));
+    }
+
+    // Updates the cells of the set bits of columns (cells[b] for bit b), each in the lanes
+    // whose bit b is set in lanes[l][0].
+    template <class Update>
+    static void selectColumns(Vector* cells, const std::uint64_t* const* lanes, std::uint64_t columns, Update& update)
+    {
+        // A 16 x 8 byte transpose: bytes[p] holds byte p of every lane's word, lane l in byte l.
+        __m128i a[8], b[8];
+        for (int i = 0; i < 8; ++i)
+            a[i] = _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[2 * i])),
+                                     _mm_loadl_epi64(reinterpret_cast<const __m128i*>(lanes[2 * i + 1])));
+        for (int i = 0; i < 4; ++i) {
+            b[2 * i] = _mm_unpacklo_epi16(a[2 * i], a[2 * i + 1]);     // bytes 0..3 of lanes 4i..4i+3
+            b[2 * i + 1] = _mm_unpackhi_epi16(a[2 * i], a[2 * i + 1]); // bytes 4..7
+        }
+        __m128i bytes[8];
+        for (int h = 0; h < 2; ++h) {
+            const __m128i lo0 = _mm_unpacklo_epi32(b[h], b[2 + h]), hi0 = _mm_unpackhi_epi32(b[h], b[2 + h]);
+            const __m128i lo1 = _mm_unpacklo_epi32(b[4 + h], b[6 + h]), hi1 = _mm_unpackhi_epi32(b[4 + h], b[6 + h]);
+            bytes[4 * h] = _mm_unpacklo_epi64(lo0, lo1);
+            bytes[4 * h + 1] = _mm_unpackhi_epi64(lo0, lo1);
+            bytes[4 * h + 2] = _mm_unpacklo_epi64(hi0, hi1);
+            bytes[4 * h + 3] = _mm_unpackhi_epi64(hi0, hi1);
+        }
+        for (; columns != 0; columns &= columns - 1) {
+            const int c = __builtin_ctzll(columns);
+            const __m128i bit = _mm_set1_epi8(static_cast<char>(1 << (c & 7)));
+            const __m128i mask = _mm_cmpeq_epi8(_mm_and_si128(bytes[c >> 3], bit), bit);
+            const __m128i old = cells[c];
+            cells[c] = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));
+        }
     }
 };
 
@@ -169,22 +224,5 @@ private:
     int m_lo = 0x7fffffff;
     int m_hi = -1;
 };
-
-// Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
-template <class Bands, class Update>
-void foldInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, typename Bands::Vector** bands,
-                    int width, int height, Update update)
-{
-    if (outline.n < 3 || x0 > x1 || y0 > y1)
-        return;
-    RowInsideScanner scanner(outline);
-    BandMaskFolder<Bands, Update> folder(bands, width, height, update);
-    std::vector<InsideRun> runs;
-    for (long long y = y0; y <= y1; ++y) {
-        scanner.scanRow(static_cast<int>(y), x0, x1, runs);
-        folder.addRuns(static_cast<int>(y), runs);
-    }
-    folder.finish();
-}
 
 } // namespace qzsse::detail

@@ -1,0 +1,163 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "qzsse/core/SafeAlloc.h"
+#include "qzsse/core/detail/ClampInto.h"
+#include "qzsse/polygon/detail/BandMaskFill.h"
+#include "qzsse/polygon/detail/InsideRowBits.h"
+
+namespace qzsse::detail {
+
+// Collects bit rows (column c is bit c + 64, so columns -64 .. width + 63 can be handed in)
+// into the lanes of one band of a banded matrix at a time, clamping rows and columns into
+// the matrix as the per-pixel rule's writes are clamped, and then updates the band's cells
+// straight from the bits: 64 columns at a time where no lane is set, runs of cells whose
+// lanes are all set without a select, and a lane select only for the columns in between.
+// As with BandMaskFolder, every update used is idempotent, so cells reached from several
+// clamped positions end as if reached once.
+template <class Bands, class Update>
+class BandBitFolder {
+public:
+    using Vector = typename Bands::Vector;
+    static constexpr int c_iBase = -64;
+
+    BandBitFolder(Vector** bands, int width, int height, Update update)
+        : m_bands(bands), m_width(width), m_height(height), m_words((width + 191) >> 6), m_update(update),
+          m_lanes(static_cast<size_t>(m_words) * Bands::c_iLanes, 0)
+    {
+    }
+
+    // The bit row that scan row y (any row: it is clamped here) is to be ORed into, words
+    // w0 .. w1 of it.
+    std::uint64_t* rowFor(int y, int w0, int w1)
+    {
+        const int clamped = clampInto(y, 0, m_height - 1);
+        const int band = clamped >> Bands::c_iShift;
+        if (band != m_band) {
+            flush();
+            m_band = band;
+        }
+        m_lo = std::min(m_lo, w0);
+        m_hi = std::max(m_hi, w1);
+        return laneBits(clamped & (Bands::c_iLanes - 1));
+    }
+
+    void finish() { flush(); }
+
+private:
+    std::uint64_t* laneBits(int lane) { return m_lanes.data() + static_cast<size_t>(lane) * m_words; }
+
+    // Columns left of the matrix land on column 0, those right of it on column width - 1.
+    void clampColumns(std::uint64_t* lane)
+    {
+        if (m_lo == 0 && lane[0] != 0) {
+            lane[0] = 0;
+            lane[1] |= 1;
+        }
+        const int outBit = m_width + 64;
+        const int outWord = outBit >> 6;
+        if (m_hi < outWord)
+            return;
+        const std::uint64_t keep = (std::uint64_t(1) << (outBit & 63)) - 1;
+        std::uint64_t beyond = lane[outWord] & ~keep;
+        lane[outWord] &= keep;
+        for (int w = outWord + 1; w <= m_hi; ++w) {
+            beyond |= lane[w];
+            lane[w] = 0;
+        }
+        if (beyond != 0) {
+            const int lastBit = m_width + 63;
+            lane[lastBit >> 6] |= std::uint64_t(1) << (lastBit & 63);
+        }
+    }
+
+    void flush()
+    {
+        if (m_band < 0 || m_lo > m_hi)
+            return;
+        constexpr int lanes = Bands::c_iLanes;
+        std::uint64_t* bits[lanes];
+        for (int l = 0; l < lanes; ++l) {
+            bits[l] = laneBits(l);
+            clampColumns(bits[l]);
+        }
+        m_hi = std::max(m_hi, 1); // column 0 may have been reached from the left
+        Vector* cells = m_bands[m_band];
+        const int lastWord = std::min(m_hi, (m_width + 63) >> 6);
+        for (int w = std::max(m_lo, 1); w <= lastWord; ++w) {
+            std::uint64_t any = 0, all = ~std::uint64_t(0);
+            for (int l = 0; l < lanes; ++l) {
+                any |= bits[l][w];
+                all &= bits[l][w];
+            }
+            if (any == 0)
+                continue;
+            Vector* base = cells + (static_cast<ptrdiff_t>(w) << 6) - 64;
+            // Runs of cells with every lane set.
+            for (std::uint64_t a = all; a != 0;) {
+                const int from = __builtin_ctzll(a);
+                const std::uint64_t rest = ~(a >> from);
+                const int length = rest == 0 ? 64 - from : __builtin_ctzll(rest);
+                for (Vector* c = base + from; c != base + from + length; ++c)
+                    *c = m_update(*c);
+                a = (length + from >= 64) ? 0 : a & (~std::uint64_t(0) << (from + length));
+            }
+            // Columns with some lanes set.
+            if (any != all) {
+                const std::uint64_t* words[lanes];
+                for (int l = 0; l < lanes; ++l)
+                    words[l] = bits[l] + w;
+                Bands::selectColumns(base, words, any & ~all, m_update);
+            }
+        }
+        for (int l = 0; l < lanes; ++l)
+            std::memset(bits[l] + m_lo, 0, static_cast<size_t>(m_hi - m_lo + 1) * sizeof(std::uint64_t));
+        m_lo = m_words;
+        m_hi = -1;
+    }
+
+    Vector** m_bands;
+    int m_width;
+    int m_height;
+    int m_words;
+    Update m_update;
+    std::vector<std::uint64_t> m_lanes; // c_iLanes bit rows of m_words words
+    int m_band = -1;
+    int m_lo = 0x7fffffff;
+    int m_hi = -1;
+};
+
+// Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
+template <class Bands, class Update>
+void foldInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, typename Bands::Vector** bands,
+                    int width, int height, Update update)
+{
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return;
+    using Folder = BandBitFolder<Bands, Update>;
+    if (x0 >= Folder::c_iBase && x1 <= width + 63) {
+        InsideRowBits scan(outline, x0, x1, Folder::c_iBase);
+        if (scan.exact()) {
+            Folder folder(bands, width, height, update);
+            if (scan.firstWord() <= scan.lastWord())
+                for (long long y = y1; y >= y0; --y)
+                    scan.scanRow(static_cast<int>(y), folder.rowFor(static_cast<int>(y), scan.firstWord(), scan.lastWord()));
+            folder.finish();
+            return;
+        }
+    }
+    RowInsideScanner scanner(outline);
+    BandMaskFolder<Bands, Update> folder(bands, width, height, update);
+    std::vector<InsideRun> runs;
+    for (long long y = y0; y <= y1; ++y) {
+        scanner.scanRow(static_cast<int>(y), x0, x1, runs);
+        folder.addRuns(static_cast<int>(y), runs);
+    }
+    folder.finish();
+}
+
+} // namespace qzsse::detail
