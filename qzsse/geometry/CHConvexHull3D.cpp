@@ -378,8 +378,8 @@ void CHConvexHull3D::constructHullWithConflicts()
                 seedConflicts(graph);
                 seeded = true;
             } else {
-                addOneFromConflicts(v, graph, step);
-                cleanUpAfterConflicts(v, &next, graph, step);
+                addOneFromConflicts(v, step);
+                cleanUpAfterConflicts(v, &next, step);
             }
             if (m_bCheck)
                 Checks();
@@ -390,39 +390,76 @@ void CHConvexHull3D::constructHullWithConflicts()
 
 void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
 {
-    std::size_t number = 0;
+    std::size_t waiting = 0;
     tVertexStructure* v = m_pVertices;
     do {
+        waiting += v->bProcessed ? 0 : 1;
+        v = v->next;
+    } while (v != m_pVertices);
+    graph.Reserve(waiting);
+    do {
         if (!v->bProcessed) {
+            qzsse::detail::ConflictArc* a = graph.Add(v);
             tFaceStructure* f = m_pFaces;
             do {
-                if (VolumeSign(f, v) < 0)
-                    graph.Link(v, number, f);
+                if (VolumeSign(f, v) < 0) {
+                    qzsse::detail::ConflictGraph::Assign(a, f);
+                    break;
+                }
                 f = f->next;
             } while (f != m_pFaces);
-            ++number;
         }
         v = v->next;
     } while (v != m_pVertices);
-    graph.ResetMarks(number);
 }
 
-// AddOne on the faces p sees. Cone faces are made in edge-list order (the serial order), so
-// they and their edges are created exactly as the scan of the whole edge list creates them.
-bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::ConflictGraph& graph,
-                                         qzsse::detail::HullStepScratch& step)
+namespace {
+
+// Whether the point sees the face, from the face's corners and the point's coordinates.
+bool SeesFace(const tFaceStructure* f, const long long at[3])
+{
+    const long long a[3] = {f->vertex[0]->x, f->vertex[0]->y, f->vertex[0]->z};
+    const long long b[3] = {f->vertex[1]->x, f->vertex[1]->y, f->vertex[1]->z};
+    const long long c[3] = {f->vertex[2]->x, f->vertex[2]->y, f->vertex[2]->z};
+    return qzsse::detail::OrientationSign3(a, b, c, at) < 0;
+}
+
+} // namespace
+
+// AddOne on the faces p sees, found from the one face its arc names through face
+// adjacency. Cone faces are made in edge-list order (the serial order), so they and their
+// edges are created exactly as the scan of the whole edge list creates them.
+bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::HullStepScratch& step)
 {
     step.visible.clear();
     step.horizon.clear();
+    step.cones.clear();
     step.removed.clear();
-    for (const qzsse::detail::ConflictArc* a = graph.ConflictsOf(p); a; a = a->nextOfVertex) {
-        a->face->bVisible = true;
-        step.visible.push_back(a->face);
-    }
-    graph.UnlinkVertex(p);
-    if (step.visible.empty()) {
+    qzsse::detail::ConflictArc* own = p->conflicts;
+    p->conflicts = nullptr;
+    if (!own || !own->face) {
         p->bOnHull = false;
         return false;
+    }
+
+    // This class's own VolumeSign is read from the coordinates the arcs carry; an override
+    // is called as it is.
+    const bool ownVolumeSign = typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
+    const auto sees = [&](tFaceStructure* f, const qzsse::detail::ConflictArc* a) {
+        return ownVolumeSign ? SeesFace(f, a->at) : VolumeSign(f, a->vertex) < 0;
+    };
+
+    own->face->bVisible = true;
+    step.visible.push_back(own->face);
+    for (std::size_t i = 0; i < step.visible.size(); ++i) {
+        tFaceStructure* f = step.visible[i];
+        for (tEdgeStructure* e : f->edge) {
+            tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
+            if (!g->bVisible && sees(g, own)) {
+                g->bVisible = true;
+                step.visible.push_back(g);
+            }
+        }
     }
 
     for (tFaceStructure* f : step.visible) {
@@ -439,33 +476,38 @@ bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::Con
     }
     std::sort(step.horizon.begin(), step.horizon.end(),
               [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
-
-    // This class's own VolumeSign is read from the coordinates the arcs carry; an override
-    // is called as it is.
-    const bool ownVolumeSign = typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
     for (tEdgeStructure* e : step.horizon) {
         tFaceStructure* cone = MakeConeFace(e, p);
         e->newface = cone;
-        const bool firstVisible = e->adjface[0]->bVisible;
-        tFaceStructure* gone = e->adjface[firstVisible ? 0 : 1];
-        tFaceStructure* kept = e->adjface[firstVisible ? 1 : 0];
-        const long long corner[3][3] = {{cone->vertex[0]->x, cone->vertex[0]->y, cone->vertex[0]->z},
-                                        {cone->vertex[1]->x, cone->vertex[1]->y, cone->vertex[1]->z},
-                                        {cone->vertex[2]->x, cone->vertex[2]->y, cone->vertex[2]->z}};
-        const auto sees = [&](const qzsse::detail::ConflictArc* a) {
-            return ownVolumeSign ? qzsse::detail::OrientationSign3(corner[0], corner[1], corner[2], a->at) < 0
-                                 : VolumeSign(cone, a->vertex) < 0;
-        };
-        const unsigned long long stamp = graph.NextStamp();
-        for (const qzsse::detail::ConflictArc* a = gone->conflicts; a; a = a->nextOfFace)
-            if (sees(a)) {
-                graph.Link(*a, cone);
-                graph.Mark(a->number) = stamp;
+        step.cones.push_back(cone);
+    }
+
+    // A waiting point that saw a removed face either sees a cone face or is inside the new
+    // hull: the segment from inside that face to the point leaves the new hull through a
+    // face not on the old one. The cones on the removed face's own edges are tried first.
+    for (tFaceStructure* f : step.visible) {
+        qzsse::detail::ConflictArc* a = f->conflicts;
+        f->conflicts = nullptr;
+        while (a) {
+            qzsse::detail::ConflictArc* next = a->nextOfFace;
+            if (a != own) {
+                a->face = nullptr;
+                tFaceStructure* found = nullptr;
+                for (std::size_t k = 0; k < step.horizon.size() && !found; ++k) {
+                    const tEdgeStructure* e = step.horizon[k];
+                    if ((e->adjface[0] == f || e->adjface[1] == f) && sees(step.cones[k], a))
+                        found = step.cones[k];
+                }
+                for (std::size_t k = 0; k < step.horizon.size() && !found; ++k) {
+                    const tEdgeStructure* e = step.horizon[k];
+                    if (e->adjface[0] != f && e->adjface[1] != f && sees(step.cones[k], a))
+                        found = step.cones[k];
+                }
+                if (found)
+                    qzsse::detail::ConflictGraph::Assign(a, found);
             }
-        // A point in both lists is linked once.
-        for (const qzsse::detail::ConflictArc* a = kept->conflicts; a; a = a->nextOfFace)
-            if (graph.Mark(a->number) != stamp && sees(a))
-                graph.Link(*a, cone);
+            a = next;
+        }
     }
     return true;
 }
@@ -473,7 +515,6 @@ bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::Con
 // CleanUp restricted to what p changed. Deleting in another order than the list walk leaves
 // the same heads and the same next vertex: each moves to the first survivor after it.
 void CHConvexHull3D::cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
-                                           qzsse::detail::ConflictGraph& graph,
                                            qzsse::detail::HullStepScratch& step)
 {
     for (tEdgeStructure* e : step.horizon) {
@@ -490,10 +531,8 @@ void CHConvexHull3D::cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure
         step.orphanCandidates.push_back(e->endpts[1]);
         DeleteEdge(e);
     }
-    for (tFaceStructure* f : step.visible) {
-        graph.UnlinkFace(f);
+    for (tFaceStructure* f : step.visible)
         DeleteFace(f);
-    }
 
     // A vertex of a removed edge stays on the hull exactly when it ends a horizon edge
     // (around it the faces change from seen to unseen there); p stays when it got a cone.

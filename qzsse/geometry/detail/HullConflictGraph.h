@@ -1,34 +1,28 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "qzsse/geometry/CHConvexHull3D.h"
 
 namespace qzsse::detail {
 
-// "vertex sees face": one node in two doubly linked lists, the vertex's and the face's, so
-// that either side can drop all its pairs in time proportional to their number. The vertex's
-// coordinates (fixed while it waits) and a dense number are copied in, and the vertex
-// lists start in an array by that number, so that testing and linking a face's waiting
-// points reads the arcs alone and not the scattered vertex records (whose `conflicts`
-// stays null).
+// A point not yet added and one face it sees (null: it sees none, so it lies inside the
+// hull and will stay there). One face is enough: the faces a point sees are connected, so
+// they are found by walking face adjacency from any one of them. The point's coordinates
+// (fixed while it waits) are copied in, so that testing a face's waiting points reads the
+// arcs alone and not the scattered vertex records.
 struct ConflictArc {
+    long long at[3];
     tVertexStructure* vertex;
     tFaceStructure* face;
-    ConflictArc* nextOfVertex;
-    ConflictArc* prevOfVertex;
-    ConflictArc* nextOfFace;
-    ConflictArc* prevOfFace;
-    long long at[3];
-    std::size_t number;
+    ConflictArc* nextOfFace;        // the next point waiting on the same face
 };
 
-// The conflict pairs of a growing hull, in blocks that live as long as the graph. Links
-// into the records are cleared when the graph goes, so none is left dangling after an
-// exception.
+// The arcs of a growing hull, one per waiting point, in one array sized at the start.
+// A waiting vertex's `conflicts` names its arc and a face's `conflicts` starts the chain
+// of points waiting on it; those links are cleared when the graph goes, so none is left
+// dangling after an exception.
 class ConflictGraph {
 public:
     explicit ConflictGraph(CHConvexHull3D& hull) : m_hull(hull) {}
@@ -36,40 +30,28 @@ public:
     ConflictGraph& operator=(const ConflictGraph&) = delete;
     ~ConflictGraph();
 
-    // New pairs go in front of both lists. number: the vertex's dense number (below the
-    // count given to ResetMarks).
-    void Link(tVertexStructure* v, std::size_t number, tFaceStructure* f);
-    // Another pair for the vertex of `like`.
-    void Link(const ConflictArc& like, tFaceStructure* f);
-    void UnlinkVertex(const tVertexStructure* v);
-    void UnlinkFace(tFaceStructure* f);
-    // The vertex's pairs, newest first.
-    const ConflictArc* ConflictsOf(const tVertexStructure* v) const;
-
-    // One mark per vertex number, compared with a running stamp: whether a vertex was
-    // already linked to the face being filled.
-    void ResetMarks(std::size_t count) { m_marks.assign(count, 0); }
-    unsigned long long NextStamp() { return ++m_stamp; }
-    unsigned long long& Mark(std::size_t number) { return m_marks[number]; }
+    // Room for every arc: the array never moves afterwards.
+    void Reserve(std::size_t count) { m_arcs.reserve(count); }
+    // The arc of a waiting vertex, seeing no face yet.
+    ConflictArc* Add(tVertexStructure* v);
+    // Puts the arc in front of the face's chain.
+    static void Assign(ConflictArc* a, tFaceStructure* f)
+    {
+        a->face = f;
+        a->nextOfFace = f->conflicts;
+        f->conflicts = a;
+    }
 
 private:
-    ConflictArc* allocate();
-    void unlink(ConflictArc* a);
-
     CHConvexHull3D& m_hull;
-    std::vector<std::unique_ptr<ConflictArc[]>> m_blocks;
-    std::size_t m_usedInLastBlock = 0;
-    ConflictArc* m_free = nullptr;
-    std::vector<ConflictArc*> m_vertexHeads;
-    std::unordered_map<const tVertexStructure*, std::size_t> m_numbers;
-    std::vector<unsigned long long> m_marks;
-    unsigned long long m_stamp = 0;
+    std::vector<ConflictArc> m_arcs;
 };
 
 // What one added point changes, gathered by AddOne's fast form for its CleanUp.
 struct HullStepScratch {
     std::vector<tFaceStructure*> visible;
     std::vector<tEdgeStructure*> horizon;
+    std::vector<tFaceStructure*> cones;     // the cone face of horizon[i]
     std::vector<tEdgeStructure*> removed;
     std::vector<tVertexStructure*> orphanCandidates;
 };
