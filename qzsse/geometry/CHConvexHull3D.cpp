@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iostream>
+#include <stdexcept>
 #include <typeinfo>
 
 #include "qzsse/geometry/CH2DDelaunay.h"
@@ -368,6 +369,9 @@ void CHConvexHull3D::constructHullWithConflicts()
     qzsse::detail::ConflictGraph graph(*this);
     qzsse::detail::HullStepScratch step;
     bool seeded = false;
+    // The walk meets the waiting points in the order the graph numbered them: none is
+    // linked in or out of the list meanwhile.
+    std::uint32_t number = 0;
     do {
         tVertexStructure* next = v->next;
         if (!v->bProcessed) {
@@ -378,7 +382,9 @@ void CHConvexHull3D::constructHullWithConflicts()
                 seedConflicts(graph);
                 seeded = true;
             } else {
-                addOneFromConflicts(v, step);
+                if (number >= graph.Size() || graph.VertexOf(number) != v)
+                    throw std::logic_error("CHConvexHull3D: construction walk left the conflict order");
+                addOneFromConflicts(v, number++, graph, step);
                 cleanUpAfterConflicts(v, &next, step);
             }
             if (m_bCheck)
@@ -388,29 +394,41 @@ void CHConvexHull3D::constructHullWithConflicts()
     } while (v != m_pVertices);
 }
 
+bool CHConvexHull3D::ownVolumeSign() const
+{
+    return typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
+}
+
 void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
 {
-    std::size_t waiting = 0;
+    std::vector<tVertexStructure*> waiting;
     tVertexStructure* v = m_pVertices;
     do {
-        waiting += v->bProcessed ? 0 : 1;
+        if (!v->bProcessed)
+            waiting.push_back(v);
         v = v->next;
     } while (v != m_pVertices);
-    graph.Reserve(waiting);
+    graph.Start(waiting);
+
+    std::vector<tFaceStructure*> faces;
+    tFaceStructure* f = m_pFaces;
     do {
-        if (!v->bProcessed) {
-            qzsse::detail::ConflictArc* a = graph.Add(v);
-            tFaceStructure* f = m_pFaces;
-            do {
-                if (VolumeSign(f, v) < 0) {
-                    qzsse::detail::ConflictGraph::Assign(a, f);
-                    break;
-                }
-                f = f->next;
-            } while (f != m_pFaces);
+        faces.push_back(f);
+        f = f->next;
+    } while (f != m_pFaces);
+    std::vector<std::vector<qzsse::detail::ConflictArc>> blocks(faces.size());
+    for (std::uint32_t number = 0; number < waiting.size(); ++number) {
+        tVertexStructure* w = waiting[number];
+        for (std::size_t k = 0; k < faces.size(); ++k) {
+            if (VolumeSign(faces[k], w) < 0) {
+                blocks[k].push_back({{w->x, w->y, w->z}, nullptr, number, 0});
+                graph.SetFace(number, faces[k]);
+                break;
+            }
         }
-        v = v->next;
-    } while (v != m_pVertices);
+    }
+    for (std::size_t k = 0; k < faces.size(); ++k)
+        graph.GiveBlock(faces[k], blocks[k]);
 }
 
 namespace {
@@ -426,36 +444,37 @@ bool SeesFace(const tFaceStructure* f, const long long at[3])
 
 } // namespace
 
-// AddOne on the faces p sees, found from the one face its arc names through face
+// AddOne on the faces p sees, found from the one face the graph keeps for it through face
 // adjacency. Cone faces are made in edge-list order (the serial order), so they and their
 // edges are created exactly as the scan of the whole edge list creates them.
-bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::HullStepScratch& step)
+bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, std::uint32_t number,
+                                         qzsse::detail::ConflictGraph& graph, qzsse::detail::HullStepScratch& step)
 {
     step.visible.clear();
     step.horizon.clear();
     step.cones.clear();
     step.removed.clear();
-    qzsse::detail::ConflictArc* own = p->conflicts;
-    p->conflicts = nullptr;
-    if (!own || !own->face) {
+    tFaceStructure* first = graph.FaceOf(number);
+    if (!first) {
         p->bOnHull = false;
         return false;
     }
 
-    // This class's own VolumeSign is read from the coordinates the arcs carry; an override
-    // is called as it is.
-    const bool ownVolumeSign = typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
-    const auto sees = [&](tFaceStructure* f, const qzsse::detail::ConflictArc* a) {
-        return ownVolumeSign ? SeesFace(f, a->at) : VolumeSign(f, a->vertex) < 0;
+    // This class's own VolumeSign is read from the coordinates the graph carries; an
+    // override is called as it is.
+    const bool own = ownVolumeSign();
+    const auto sees = [&](tFaceStructure* f, const qzsse::detail::ConflictArc& a) {
+        return own ? SeesFace(f, a.at) : VolumeSign(f, graph.VertexOf(a.number)) < 0;
     };
+    const qzsse::detail::ConflictArc self{{p->x, p->y, p->z}, nullptr, number, 0};
 
-    own->face->bVisible = true;
-    step.visible.push_back(own->face);
+    first->bVisible = true;
+    step.visible.push_back(first);
     for (std::size_t i = 0; i < step.visible.size(); ++i) {
         tFaceStructure* f = step.visible[i];
         for (tEdgeStructure* e : f->edge) {
             tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
-            if (!g->bVisible && sees(g, own)) {
+            if (!g->bVisible && sees(g, self)) {
                 g->bVisible = true;
                 step.visible.push_back(g);
             }
@@ -481,34 +500,42 @@ bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, qzsse::detail::Hul
         e->newface = cone;
         step.cones.push_back(cone);
     }
+    if (step.moved.size() < step.cones.size())
+        step.moved.resize(step.cones.size());
+    for (std::size_t k = 0; k < step.cones.size(); ++k)
+        step.moved[k].clear();
 
     // A waiting point that saw a removed face either sees a cone face or is inside the new
     // hull: the segment from inside that face to the point leaves the new hull through a
     // face not on the old one. The cones on the removed face's own edges are tried first.
     for (tFaceStructure* f : step.visible) {
-        qzsse::detail::ConflictArc* a = f->conflicts;
-        f->conflicts = nullptr;
-        while (a) {
-            qzsse::detail::ConflictArc* next = a->nextOfFace;
-            if (a != own) {
-                a->face = nullptr;
-                tFaceStructure* found = nullptr;
-                for (std::size_t k = 0; k < step.horizon.size() && !found; ++k) {
-                    const tEdgeStructure* e = step.horizon[k];
-                    if ((e->adjface[0] == f || e->adjface[1] == f) && sees(step.cones[k], a))
-                        found = step.cones[k];
-                }
-                for (std::size_t k = 0; k < step.horizon.size() && !found; ++k) {
-                    const tEdgeStructure* e = step.horizon[k];
-                    if (e->adjface[0] != f && e->adjface[1] != f && sees(step.cones[k], a))
-                        found = step.cones[k];
-                }
-                if (found)
-                    qzsse::detail::ConflictGraph::Assign(a, found);
+        std::size_t count = 0;
+        const qzsse::detail::ConflictArc* block = graph.TakeBlock(f, count);
+        for (std::size_t i = 0; i < count; ++i) {
+            const qzsse::detail::ConflictArc& a = block[i];
+            if (a.number == number)
+                continue;
+            std::size_t found = step.cones.size();
+            for (std::size_t k = 0; k < step.horizon.size() && found == step.cones.size(); ++k) {
+                const tEdgeStructure* e = step.horizon[k];
+                if ((e->adjface[0] == f || e->adjface[1] == f) && sees(step.cones[k], a))
+                    found = k;
             }
-            a = next;
+            for (std::size_t k = 0; k < step.horizon.size() && found == step.cones.size(); ++k) {
+                const tEdgeStructure* e = step.horizon[k];
+                if (e->adjface[0] != f && e->adjface[1] != f && sees(step.cones[k], a))
+                    found = k;
+            }
+            if (found < step.cones.size()) {
+                step.moved[found].push_back({{a.at[0], a.at[1], a.at[2]}, nullptr, a.number, 0});
+                graph.SetFace(a.number, step.cones[found]);
+            } else {
+                graph.SetFace(a.number, nullptr);
+            }
         }
     }
+    for (std::size_t k = 0; k < step.cones.size(); ++k)
+        graph.GiveBlock(step.cones[k], step.moved[k]);
     return true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "qzsse/core/SSEPoint.h"
@@ -25,7 +26,7 @@ struct tVertexStructure {
     bool bOnHull;
     bool bProcessed;
     bool bFlag;                     // the caller's flag given to AppendVertex2D
-    qzsse::detail::ConflictArc* conflicts;  // while the point waits to be added: its face
+    qzsse::detail::ConflictArc* conflicts;  // unused; kept null
 };
 
 struct tEdgeStructure {
@@ -47,7 +48,7 @@ struct tFaceStructure {
     tFaceStructure* prev;
     bool bVisible;
     bool bLowerFace;                // set by CH2DDelaunay::LowerFaces
-    qzsse::detail::ConflictArc* conflicts;  // the first of the waiting points known to see it
+    qzsse::detail::ConflictArc* conflicts;  // during construction: waiting points known to see it
 };
 
 // Incremental convex hull of points on a 64-bit integer grid. Every list is circular and
@@ -161,7 +162,11 @@ protected:
     void invalidateGridIndex();
     void constructHullWithConflicts();
     void seedConflicts(qzsse::detail::ConflictGraph& graph);
-    bool addOneFromConflicts(tVertexStructure* p, qzsse::detail::HullStepScratch& step);
+    // number: p's number in the conflict graph.
+    bool addOneFromConflicts(tVertexStructure* p, std::uint32_t number, qzsse::detail::ConflictGraph& graph,
+                             qzsse::detail::HullStepScratch& step);
+    // Whether VolumeSign is this class's own (not overridden).
+    bool ownVolumeSign() const;
     void cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
                                qzsse::detail::HullStepScratch& step);
 
