@@ -1,7 +1,12 @@
-// Delaunay triangulation of N random plane points on the 0.1 grid (the benchmark argument),
-// beside CGAL's Delaunay_triangulation_2 on the same points when it is installed. The lifted
-// hull keeps a conflict graph, so points in random order cost about O(N log N) in all.
+// Delaunay triangulation of N plane points on the 0.1 grid, beside CGAL's
+// Delaunay_triangulation_2 on the same points when it is installed. Point sets (the first
+// benchmark argument): 0 random in a 10 000 square, 1 clustered (Gaussian blobs), 2 a square
+// grid in scan order (rows by y, each by x), 3 random points sorted into scan order. The
+// points go in in that order; the lifted hull's conflict graph makes random order cost
+// about O(N log N) in all, while in scan order every point lands outside the hull so far.
 
+#include <algorithm>
+#include <cmath>
 #include <random>
 #include <utility>
 #include <vector>
@@ -17,42 +22,71 @@
 
 namespace {
 
-std::vector<std::pair<float, float>> RandomGridPoints(int n)
+std::vector<std::pair<float, float>> PlanePoints(int kind, int n)
 {
     std::mt19937 rng(12345);
     std::uniform_int_distribution<int> coord(0, 99999);
     std::vector<std::pair<float, float>> points(n);
+    if (kind == 1) {
+        // 50 blobs of sigma 100 at random centres, snapped to the 0.1 grid.
+        std::vector<std::pair<float, float>> centres(50);
+        for (auto& c : centres)
+            c = {float(coord(rng)) / 10.0f, float(coord(rng)) / 10.0f};
+        std::normal_distribution<float> blob(0.0f, 100.0f);
+        for (int i = 0; i < n; ++i) {
+            const auto& c = centres[std::size_t(i) % centres.size()];
+            points[std::size_t(i)] = {std::round((c.first + blob(rng)) * 10.0f) / 10.0f,
+                                      std::round((c.second + blob(rng)) * 10.0f) / 10.0f};
+        }
+        return points;
+    }
+    if (kind == 2) {
+        const int side = int(std::ceil(std::sqrt(double(n))));
+        for (int i = 0; i < n; ++i)
+            points[std::size_t(i)] = {float(i % side), float(i / side)};
+        return points;
+    }
     for (auto& p : points)
         p = {float(coord(rng)) / 10.0f, float(coord(rng)) / 10.0f};
+    if (kind == 3)
+        std::sort(points.begin(), points.end(),
+                  [](const auto& a, const auto& b) { return a.second != b.second ? a.second < b.second : a.first < b.first; });
     return points;
+}
+
+void Sizes(benchmark::internal::Benchmark* b)
+{
+    for (int n : {10000, 100000, 1000000})
+        b->Args({0, n});
+    b->Args({1, 100000});
+    for (int n : {10000, 40000})
+        b->Args({2, n})->Args({3, n});
+    b->Unit(benchmark::kMillisecond);
 }
 
 void BM_Delaunay(benchmark::State& state)
 {
-    const int n = int(state.range(0));
-    const auto points = RandomGridPoints(n);
+    const int n = int(state.range(1));
+    const auto points = PlanePoints(int(state.range(0)), n);
     for (auto _ : state) {
         CH2DDelaunay delaunay;
         for (int i = 0; i < n; ++i)
-            delaunay.AppendVertex(points[i].first, points[i].second, i, false);
+            delaunay.AppendVertex(points[std::size_t(i)].first, points[std::size_t(i)].second, i, false);
         delaunay.CalcDelaunayTriangulation();
         benchmark::DoNotOptimize(delaunay.GetNumFaces());
         state.counters["triangles"] = delaunay.GetNumFaces();
     }
     state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_Delaunay)
-    ->Arg(2500)->Arg(5000)->Arg(10000)->Arg(20000)->Arg(100000)->Arg(1000000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Delaunay)->Apply(Sizes);
 
 #if defined(QZSSE_BENCH_WITH_CGAL)
 void BM_CgalDelaunay2(benchmark::State& state)
 {
     using K = CGAL::Exact_predicates_inexact_constructions_kernel;
-    const int n = int(state.range(0));
-    const auto grid = RandomGridPoints(n);
+    const int n = int(state.range(1));
     std::vector<K::Point_2> points;
-    for (const auto& p : grid)
+    for (const auto& p : PlanePoints(int(state.range(0)), n))
         points.emplace_back(p.first, p.second);
     for (auto _ : state) {
         CGAL::Delaunay_triangulation_2<K> dt(points.begin(), points.end());
@@ -61,9 +95,7 @@ void BM_CgalDelaunay2(benchmark::State& state)
     }
     state.SetItemsProcessed(state.iterations() * n);
 }
-BENCHMARK(BM_CgalDelaunay2)
-    ->Arg(2500)->Arg(5000)->Arg(10000)->Arg(20000)->Arg(100000)->Arg(1000000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CgalDelaunay2)->Apply(Sizes);
 #endif
 
 } // namespace

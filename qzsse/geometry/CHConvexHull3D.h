@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "qzsse/core/SSEPoint.h"
@@ -25,7 +26,7 @@ struct tVertexStructure {
     bool bOnHull;
     bool bProcessed;
     bool bFlag;                     // the caller's flag given to AppendVertex2D
-    qzsse::detail::ConflictArc* conflicts;  // null: the construction keeps a point's conflicts aside
+    qzsse::detail::ConflictArc* conflicts;  // unused; kept null
 };
 
 struct tEdgeStructure {
@@ -47,7 +48,7 @@ struct tFaceStructure {
     tFaceStructure* prev;
     bool bVisible;
     bool bLowerFace;                // set by CH2DDelaunay::LowerFaces
-    qzsse::detail::ConflictArc* conflicts;  // points not yet added that see this face
+    qzsse::detail::ConflictArc* conflicts;  // during construction: waiting points known to see it
 };
 
 // Incremental convex hull of points on a 64-bit integer grid. Every list is circular and
@@ -59,9 +60,10 @@ struct tFaceStructure {
 // Degenerate input (all points collinear or coplanar, fewer than four distinct points)
 // throws CHDegenerateHullException from CalcConvexHull.
 //
-// ConstructHull keeps, for every point not yet added, the faces it sees (a conflict graph),
-// so a point costs work in proportion to the faces and conflicts it changes (about n log n
-// in all for points in random order) instead of a scan of every face and edge. Its vertex, edge and
+// ConstructHull keeps, for every point not yet added, one face it sees (a conflict graph)
+// and finds the others through face adjacency, so a point costs work in proportion to the
+// faces it changes and the waiting points it moves (about n log n in all for points in
+// random order) instead of a scan of every face and edge. Its vertex, edge and
 // face lists, their order and every field are those of AddOne and CleanUp applied to each
 // point in turn, which stay available as they are; this relies on VolumeSign being an
 // orientation test (an override that is not must set m_bFullScan).
@@ -160,10 +162,13 @@ protected:
     void invalidateGridIndex();
     void constructHullWithConflicts();
     void seedConflicts(qzsse::detail::ConflictGraph& graph);
-    bool addOneFromConflicts(tVertexStructure* p, qzsse::detail::ConflictGraph& graph,
+    // number: p's number in the conflict graph.
+    bool addOneFromConflicts(tVertexStructure* p, std::uint32_t number, qzsse::detail::ConflictGraph& graph,
                              qzsse::detail::HullStepScratch& step);
+    // Whether VolumeSign is this class's own (not overridden).
+    bool ownVolumeSign() const;
     void cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
-                               qzsse::detail::ConflictGraph& graph, qzsse::detail::HullStepScratch& step);
+                               qzsse::detail::HullStepScratch& step);
 
     // Counts into the count fields; the vertex counter becomes the vertex count.
     void storeCounts();

@@ -461,22 +461,27 @@ TEST(Hull3DInput, DuplicateTestFollowsTheListAfterConstruction)
     EXPECT_EQ(hull.CalcNumVertices(), 9);
 }
 
-// Larger inputs, where arcs are freed and reused many times over: random and clustered
-// plane points, and points in a ball.
+// Larger inputs, where each point's face changes many times and the block array is
+// squeezed over and over: random, clustered and scan-ordered plane points, and points in a
+// ball and on a sphere.
 TEST(Hull3DConflicts, LargerInputsEqualTheFullScans)
 {
     std::mt19937 rng(2024);
     std::normal_distribution<float> blob(0.0f, 15.0f);
-    for (int kind = 0; kind < 2; ++kind) {
-        std::vector<std::pair<float, float>> pts(1500);
+    for (int kind = 0; kind < 3; ++kind) {
+        std::vector<std::pair<float, float>> pts(2000);
         for (std::size_t i = 0; i < pts.size(); ++i) {
-            if (kind == 0) {
-                pts[i] = {float(rng() % 100000) / 10.0f, float(rng() % 100000) / 10.0f};
-            } else {
+            if (kind == 1) {
                 const float cx = float(i % 7) * 900.0f, cy = float(i % 5) * 700.0f;
                 pts[i] = {std::round((cx + blob(rng)) * 10.0f) / 10.0f, std::round((cy + blob(rng)) * 10.0f) / 10.0f};
+            } else {
+                pts[i] = {float(rng() % 100000) / 10.0f, float(rng() % 100000) / 10.0f};
             }
         }
+        if (kind == 2) // scan order: every point lands outside the hull built so far
+            std::sort(pts.begin(), pts.end(), [](const auto& a, const auto& b) {
+                return a.second != b.second ? a.second < b.second : a.first < b.first;
+            });
         ExpectSameBothWays<CH2DDelaunay, FullScan<CH2DDelaunay>>(
             [&](CH2DDelaunay& d) {
                 for (std::size_t i = 0; i < pts.size(); ++i)
@@ -484,17 +489,23 @@ TEST(Hull3DConflicts, LargerInputsEqualTheFullScans)
             },
             [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "plane", kind);
     }
-    std::vector<std::array<float, 3>> ball;
     std::uniform_real_distribution<float> unit(-1.0f, 1.0f);
-    while (ball.size() < 1500) {
-        const std::array<float, 3> p{unit(rng), unit(rng), unit(rng)};
-        if (p[0] * p[0] + p[1] * p[1] + p[2] * p[2] <= 1.0f)
+    for (int shell = 0; shell < 2; ++shell) {
+        std::vector<std::array<float, 3>> ball;
+        while (ball.size() < 2000) {
+            std::array<float, 3> p{unit(rng), unit(rng), unit(rng)};
+            const float r = std::sqrt(p[0] * p[0] + p[1] * p[1] + p[2] * p[2]);
+            if (r > 1.0f || r < 0.01f)
+                continue;
+            if (shell)
+                p = {p[0] / r, p[1] / r, p[2] / r};
             ball.push_back(p);
+        }
+        ExpectSameBothWays<CHConvexHull3D, FullScan<CHConvexHull3D>>(
+            [&](CHConvexHull3D& h) {
+                for (const auto& p : ball)
+                    h.AppendVertex3D(p[0], p[1], p[2], 1e5f);
+            },
+            [](CHConvexHull3D& h) { h.CalcConvexHull(); }, shell ? "sphere" : "ball", 0);
     }
-    ExpectSameBothWays<CHConvexHull3D, FullScan<CHConvexHull3D>>(
-        [&](CHConvexHull3D& h) {
-            for (const auto& p : ball)
-                h.AppendVertex3D(p[0], p[1], p[2], 1e5f);
-        },
-        [](CHConvexHull3D& h) { h.CalcConvexHull(); }, "ball", 0);
 }

@@ -160,58 +160,14 @@ int wideDeterminantSign(const long long a[3], const long long b[3], const long l
     return sign(add(add(multiply(d[0][0], m0), multiply(d[0][1], m1)), multiply(d[0][2], m2)));
 }
 
-// Inputs up to 2^53 in magnitude convert to double exactly.
-constexpr long long kExactInDouble = 1LL << 53;
-
-bool exactInDouble(const long long v[3])
-{
-    return v[0] >= -kExactInDouble && v[0] <= kExactInDouble && v[1] >= -kExactInDouble &&
-           v[1] <= kExactInDouble && v[2] >= -kExactInDouble && v[2] <= kExactInDouble;
-}
-
-// The sign of the determinant evaluated in double precision when its error bound proves
-// it, else 2. The bound (8 + 256 eps) eps times the permanent, eps = 2^-53, covers the
-// at most eight roundings on each monomial (see DESIGN.md); it was derived for this
-// evaluation order.
-int filteredDeterminantSign(const long long a[3], const long long b[3], const long long c[3], const long long p[3])
-{
-    if (!exactInDouble(a) || !exactInDouble(b) || !exactInDouble(c) || !exactInDouble(p))
-        return 2;
-    const double px = double(p[0]), py = double(p[1]), pz = double(p[2]);
-    const double adx = double(a[0]) - px, ady = double(a[1]) - py, adz = double(a[2]) - pz;
-    const double bdx = double(b[0]) - px, bdy = double(b[1]) - py, bdz = double(b[2]) - pz;
-    const double cdx = double(c[0]) - px, cdy = double(c[1]) - py, cdz = double(c[2]) - pz;
-    const double bdxcdy = bdx * cdy, cdxbdy = cdx * bdy;
-    const double cdxady = cdx * ady, adxcdy = adx * cdy;
-    const double adxbdy = adx * bdy, bdxady = bdx * ady;
-    const double det = adz * (bdxcdy - cdxbdy) + bdz * (cdxady - adxcdy) + cdz * (adxbdy - bdxady);
-    const double permanent = (std::fabs(bdxcdy) + std::fabs(cdxbdy)) * std::fabs(adz) +
-                             (std::fabs(cdxady) + std::fabs(adxcdy)) * std::fabs(bdz) +
-                             (std::fabs(adxbdy) + std::fabs(bdxady)) * std::fabs(cdz);
-    constexpr double eps = 1.0 / 9007199254740992.0; // 2^-53
-    constexpr double bound = (8.0 + 256.0 * eps) * eps;
-    const double err = bound * permanent;
-    if (det > err)
-        return 1;
-    if (-det > err)
-        return -1;
-    return 2;
-}
-
 } // namespace
 
-int OrientationSign3(const long long a[3], const long long b[3], const long long c[3], const long long p[3])
+int ExactOrientationSign3(const long long a[3], const long long b[3], const long long c[3], const long long p[3])
 {
 #if defined(QZSSE_HAVE_CHECKED_ARITHMETIC)
     long long det64;
     if (determinantIn(a, b, c, p, det64))
         return signOf(det64);
-#endif
-    // Cheaper than the wider integers when it decides, which is nearly always.
-    const int filtered = filteredDeterminantSign(a, b, c, p);
-    if (filtered != 2)
-        return filtered;
-#if defined(QZSSE_HAVE_CHECKED_ARITHMETIC)
 #if defined(__SIZEOF_INT128__)
     Int128 det128;
     if (determinantIn(a, b, c, p, det128))

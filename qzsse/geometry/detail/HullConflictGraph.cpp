@@ -1,19 +1,11 @@
 #include "qzsse/geometry/detail/HullConflictGraph.h"
 
-namespace qzsse::detail {
+#include <algorithm>
 
-namespace {
-constexpr std::size_t kArcsPerBlock = 4096;
-} // namespace
+namespace qzsse::detail {
 
 ConflictGraph::~ConflictGraph()
 {
-    if (tVertexStructure* v = m_hull.GetVertices()) {
-        do {
-            v->conflicts = nullptr;
-            v = v->next;
-        } while (v != m_hull.GetVertices());
-    }
     if (tFaceStructure* f = m_hull.GetFaces()) {
         do {
             f->conflicts = nullptr;
@@ -22,94 +14,59 @@ ConflictGraph::~ConflictGraph()
     }
 }
 
-ConflictArc* ConflictGraph::allocate()
+void ConflictGraph::Start(const std::vector<tVertexStructure*>& waiting)
 {
-    ConflictArc* a = m_free;
-    if (a) {
-        m_free = a->nextOfVertex;
-    } else {
-        if (m_blocks.empty() || m_usedInLastBlock == kArcsPerBlock) {
-            m_blocks.push_back(std::make_unique<ConflictArc[]>(kArcsPerBlock));
-            m_usedInLastBlock = 0;
-        }
-        a = &m_blocks.back()[m_usedInLastBlock++];
-    }
-    return a;
+    m_vertexOf = waiting;
+    m_faceOf.assign(waiting.size(), nullptr);
+    // Live entries never outnumber the waiting points, so the array is squeezed at most
+    // once per that many entries written.
+    m_blocks.assign(2 * waiting.size() + 64, ConflictArc{});
+    m_used = 0;
 }
 
-void ConflictGraph::Link(tVertexStructure* v, std::size_t number, tFaceStructure* f)
+void ConflictGraph::GiveBlock(tFaceStructure* f, const std::vector<ConflictArc>& entries)
 {
-    if (number >= m_vertexHeads.size())
-        m_vertexHeads.resize(number + 1, nullptr);
-    m_numbers.emplace(v, number);
-    ConflictArc like{};
-    like.vertex = v;
-    like.at[0] = v->x;
-    like.at[1] = v->y;
-    like.at[2] = v->z;
-    like.number = number;
-    Link(like, f);
-}
-
-void ConflictGraph::Link(const ConflictArc& like, tFaceStructure* f)
-{
-    ConflictArc* a = allocate();
-    ConflictArc*& head = m_vertexHeads[like.number];
-    a->at[0] = like.at[0];
-    a->at[1] = like.at[1];
-    a->at[2] = like.at[2];
-    a->number = like.number;
-    a->vertex = like.vertex;
-    a->face = f;
-    a->prevOfVertex = nullptr;
-    a->nextOfVertex = head;
-    if (head)
-        head->prevOfVertex = a;
-    head = a;
-    a->prevOfFace = nullptr;
-    a->nextOfFace = f->conflicts;
-    if (f->conflicts)
-        f->conflicts->prevOfFace = a;
-    f->conflicts = a;
-}
-
-void ConflictGraph::unlink(ConflictArc* a)
-{
-    if (a->prevOfVertex)
-        a->prevOfVertex->nextOfVertex = a->nextOfVertex;
-    else
-        m_vertexHeads[a->number] = a->nextOfVertex;
-    if (a->nextOfVertex)
-        a->nextOfVertex->prevOfVertex = a->prevOfVertex;
-    if (a->prevOfFace)
-        a->prevOfFace->nextOfFace = a->nextOfFace;
-    else
-        a->face->conflicts = a->nextOfFace;
-    if (a->nextOfFace)
-        a->nextOfFace->prevOfFace = a->prevOfFace;
-    a->nextOfVertex = m_free;
-    m_free = a;
-}
-
-const ConflictArc* ConflictGraph::ConflictsOf(const tVertexStructure* v) const
-{
-    const auto it = m_numbers.find(v);
-    return it == m_numbers.end() ? nullptr : m_vertexHeads[it->second];
-}
-
-void ConflictGraph::UnlinkVertex(const tVertexStructure* v)
-{
-    const auto it = m_numbers.find(v);
-    if (it == m_numbers.end())
+    if (entries.empty())
         return;
-    while (ConflictArc* a = m_vertexHeads[it->second])
-        unlink(a);
+    if (m_used + entries.size() > m_blocks.size())
+        squeeze();
+    ConflictArc* block = m_blocks.data() + m_used;
+    std::copy(entries.begin(), entries.end(), block);
+    block->face = f;
+    block->count = static_cast<std::uint32_t>(entries.size());
+    m_used += entries.size();
+    f->conflicts = block;
 }
 
-void ConflictGraph::UnlinkFace(tFaceStructure* f)
+const ConflictArc* ConflictGraph::TakeBlock(tFaceStructure* f, std::size_t& count)
 {
-    while (f->conflicts)
-        unlink(f->conflicts);
+    ConflictArc* block = f->conflicts;
+    f->conflicts = nullptr;
+    if (!block) {
+        count = 0;
+        return nullptr;
+    }
+    block->face = nullptr;
+    count = block->count;
+    return block;
+}
+
+// Slides the blocks still in use to the front, in order.
+void ConflictGraph::squeeze()
+{
+    std::size_t to = 0;
+    for (std::size_t from = 0; from < m_used;) {
+        const std::size_t n = m_blocks[from].count;
+        if (tFaceStructure* f = m_blocks[from].face) {
+            if (to != from)
+                std::copy(m_blocks.begin() + std::ptrdiff_t(from), m_blocks.begin() + std::ptrdiff_t(from + n),
+                          m_blocks.begin() + std::ptrdiff_t(to));
+            f->conflicts = m_blocks.data() + to;
+            to += n;
+        }
+        from += n;
+    }
+    m_used = to;
 }
 
 } // namespace qzsse::detail

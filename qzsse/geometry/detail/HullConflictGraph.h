@@ -1,34 +1,29 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
-#include <unordered_map>
+#include <cstdint>
 #include <vector>
 
 #include "qzsse/geometry/CHConvexHull3D.h"
 
 namespace qzsse::detail {
 
-// "vertex sees face": one node in two doubly linked lists, the vertex's and the face's, so
-// that either side can drop all its pairs in time proportional to their number. The vertex's
-// coordinates (fixed while it waits) and a dense number are copied in, and the vertex
-// lists start in an array by that number, so that testing and linking a face's waiting
-// points reads the arcs alone and not the scattered vertex records (whose `conflicts`
-// stays null).
+// One waiting point in the block of a face it sees: its coordinates (fixed while it waits)
+// and its number in the order of the construction walk. A face's waiting points sit in one
+// contiguous block, so that moving them on reads memory in order; the block's first entry
+// also names the face and the block length (`face` null: the block is no longer used).
 struct ConflictArc {
-    tVertexStructure* vertex;
-    tFaceStructure* face;
-    ConflictArc* nextOfVertex;
-    ConflictArc* prevOfVertex;
-    ConflictArc* nextOfFace;
-    ConflictArc* prevOfFace;
     long long at[3];
-    std::size_t number;
+    tFaceStructure* face;
+    std::uint32_t number;
+    std::uint32_t count;
 };
 
-// The conflict pairs of a growing hull, in blocks that live as long as the graph. Links
-// into the records are cleared when the graph goes, so none is left dangling after an
-// exception.
+// Every waiting point knows one face it sees (none: it lies inside the hull and will stay
+// there). One face is enough: the faces a point sees are connected, so they are found by
+// walking face adjacency from any one of them. The blocks live in one array sized at the
+// start, whose unused blocks are squeezed out when it fills; a face's `conflicts` names its
+// block and is cleared when the graph goes, so none is left dangling after an exception.
 class ConflictGraph {
 public:
     explicit ConflictGraph(CHConvexHull3D& hull) : m_hull(hull) {}
@@ -36,40 +31,34 @@ public:
     ConflictGraph& operator=(const ConflictGraph&) = delete;
     ~ConflictGraph();
 
-    // New pairs go in front of both lists. number: the vertex's dense number (below the
-    // count given to ResetMarks).
-    void Link(tVertexStructure* v, std::size_t number, tFaceStructure* f);
-    // Another pair for the vertex of `like`.
-    void Link(const ConflictArc& like, tFaceStructure* f);
-    void UnlinkVertex(const tVertexStructure* v);
-    void UnlinkFace(tFaceStructure* f);
-    // The vertex's pairs, newest first.
-    const ConflictArc* ConflictsOf(const tVertexStructure* v) const;
-
-    // One mark per vertex number, compared with a running stamp: whether a vertex was
-    // already linked to the face being filled.
-    void ResetMarks(std::size_t count) { m_marks.assign(count, 0); }
-    unsigned long long NextStamp() { return ++m_stamp; }
-    unsigned long long& Mark(std::size_t number) { return m_marks[number]; }
+    // Numbers the waiting vertices 0, 1, ... in the order given.
+    void Start(const std::vector<tVertexStructure*>& waiting);
+    std::size_t Size() const { return m_vertexOf.size(); }
+    tVertexStructure* VertexOf(std::uint32_t number) const { return m_vertexOf[number]; }
+    tFaceStructure* FaceOf(std::uint32_t number) const { return m_faceOf[number]; }
+    void SetFace(std::uint32_t number, tFaceStructure* f) { m_faceOf[number] = f; }
+    // Gives the face a block holding the entries (the face's own, once per face), which
+    // become the waiting points of that face.
+    void GiveBlock(tFaceStructure* f, const std::vector<ConflictArc>& entries);
+    // The entries of the face's block, which is released: the caller moves them on.
+    const ConflictArc* TakeBlock(tFaceStructure* f, std::size_t& count);
 
 private:
-    ConflictArc* allocate();
-    void unlink(ConflictArc* a);
+    void squeeze();
 
     CHConvexHull3D& m_hull;
-    std::vector<std::unique_ptr<ConflictArc[]>> m_blocks;
-    std::size_t m_usedInLastBlock = 0;
-    ConflictArc* m_free = nullptr;
-    std::vector<ConflictArc*> m_vertexHeads;
-    std::unordered_map<const tVertexStructure*, std::size_t> m_numbers;
-    std::vector<unsigned long long> m_marks;
-    unsigned long long m_stamp = 0;
+    std::vector<ConflictArc> m_blocks;  // never reallocated: faces point into it
+    std::size_t m_used = 0;
+    std::vector<tVertexStructure*> m_vertexOf;
+    std::vector<tFaceStructure*> m_faceOf;
 };
 
 // What one added point changes, gathered by AddOne's fast form for its CleanUp.
 struct HullStepScratch {
     std::vector<tFaceStructure*> visible;
     std::vector<tEdgeStructure*> horizon;
+    std::vector<tFaceStructure*> cones;                 // the cone face of horizon[i]
+    std::vector<std::vector<ConflictArc>> moved;        // the points moved on to cones[i]
     std::vector<tEdgeStructure*> removed;
     std::vector<tVertexStructure*> orphanCandidates;
 };
