@@ -1,0 +1,341 @@
+#include "qzsse/storage/detail/PngGrey8Direct.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <emmintrin.h>
+#include <limits>
+#include <memory>
+#include <new>
+
+#include <libdeflate.h>
+#include <zlib.h>
+
+namespace qzsse::detail {
+namespace {
+
+constexpr unsigned char c_pngSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+constexpr unsigned char c_filterNone = 0, c_filterSub = 1, c_filterUp = 2, c_filterAverage = 3, c_filterPaeth = 4;
+// libdeflate's level 2: on quantised elevation grids with Up rows smaller than libpng's
+// Paeth rows with run-length deflate, at twice the speed of level 3 for 2 % more bytes.
+constexpr int c_matchLevel = 2;
+constexpr unsigned int c_maxPngDimension = 0x7FFFFFFFu;
+// Below this many filtered bytes both deflates run on the whole image; above, on a band of
+// rows of at least this size and 1/32 of the image.
+constexpr size_t c_minSampleBytes = 256 * 1024;
+
+uint32_t loadBigEndian32(const unsigned char* p)
+{
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8
+           | static_cast<uint32_t>(p[3]);
+}
+
+void storeBigEndian32(uint32_t v, unsigned char* p)
+{
+    p[0] = static_cast<unsigned char>(v >> 24);
+    p[1] = static_cast<unsigned char>(v >> 16);
+    p[2] = static_cast<unsigned char>(v >> 8);
+    p[3] = static_cast<unsigned char>(v);
+}
+
+struct CompressorDeleter {
+    void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
+};
+struct DecompressorDeleter {
+    void operator()(libdeflate_decompressor* d) const { libdeflate_free_decompressor(d); }
+};
+
+// Rows of width bytes to rows of a filter byte (Up) and width differences to the row above.
+void filterUp(const unsigned char* pixels, size_t width, size_t height, unsigned char* out)
+{
+    for (size_t y = 0; y < height; ++y) {
+        const unsigned char* row = pixels + y * width;
+        unsigned char* dst = out + y * (width + 1);
+        *dst++ = c_filterUp;
+        if (y == 0) {
+            std::memcpy(dst, row, width);
+            continue;
+        }
+        const unsigned char* above = row - width;
+        size_t x = 0;
+        for (; x + 16 <= width; x += 16) {
+            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+            const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + x));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_sub_epi8(a, b));
+        }
+        for (; x < width; ++x)
+            dst[x] = static_cast<unsigned char>(row[x] - above[x]);
+    }
+}
+
+// A zlib stream of in at libdeflate's c_matchLevel; 0 on failure.
+size_t deflateMatches(const unsigned char* in, size_t size, unsigned char* out, size_t capacity)
+{
+    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> c(libdeflate_alloc_compressor(c_matchLevel));
+    return c ? libdeflate_zlib_compress(c.get(), in, size, out, capacity) : 0;
+}
+
+size_t deflateMatchesBound(size_t size)
+{
+    // The bound does not depend on the compressor (NULL is allowed since libdeflate 1.13,
+    // but one is cheap to make and keeps older versions working).
+    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> c(libdeflate_alloc_compressor(c_matchLevel));
+    return c ? libdeflate_zlib_compress_bound(c.get(), size) : 0;
+}
+
+// A zlib stream of in with zlib's run-length strategy (matches at distance 1 only): on rows
+// of residual noise smaller than libdeflate's matches, which cost more than the literals
+// they replace. 0 on failure.
+size_t deflateRuns(const unsigned char* in, size_t size, unsigned char* out, size_t capacity)
+{
+    z_stream z{};
+    if (deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15, 8, Z_RLE) != Z_OK)
+        return 0;
+    // deflate counts in uInt: larger buffers go in steps (its pointers advance by themselves).
+    constexpr size_t step = std::numeric_limits<uInt>::max() / 2;
+    z.next_in = const_cast<unsigned char*>(in);
+    z.next_out = out;
+    size_t inLeft = size;
+    size_t outLeft = capacity;
+    int status = Z_OK;
+    do {
+        const size_t inNow = std::min(inLeft, step);
+        const size_t outNow = std::min(outLeft, step);
+        z.avail_in = static_cast<uInt>(inNow);
+        z.avail_out = static_cast<uInt>(outNow);
+        status = deflate(&z, inNow == inLeft ? Z_FINISH : Z_NO_FLUSH);
+        inLeft -= inNow - z.avail_in;
+        outLeft -= outNow - z.avail_out;
+    } while (status == Z_OK);
+    const bool done = status == Z_STREAM_END;
+    deflateEnd(&z);
+    return done ? capacity - outLeft : 0;
+}
+
+size_t deflateRunsBound(size_t size)
+{
+    z_stream z{};
+    if (deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15, 8, Z_RLE) != Z_OK)
+        return 0;
+    const size_t bound = deflateBound(&z, static_cast<uLong>(size));
+    deflateEnd(&z);
+    return bound;
+}
+
+// The smaller deflate on a band of rows in the middle of the image (the whole of a small one).
+PngDeflate chooseDeflate(const unsigned char* filtered, size_t rowBytes, size_t height)
+{
+    const size_t total = rowBytes * height;
+    size_t rows = height;
+    if (total > c_minSampleBytes) {
+        const size_t wanted = std::max(c_minSampleBytes, total / 32);
+        rows = std::clamp<size_t>((wanted + rowBytes - 1) / rowBytes, 1, height);
+    }
+    const unsigned char* sample = filtered + (height - rows) / 2 * rowBytes;
+    const size_t bytes = rows * rowBytes;
+    const size_t capacity = std::max(deflateMatchesBound(bytes), deflateRunsBound(bytes));
+    std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[capacity]);
+    if (!scratch)
+        return PngDeflate::Matches;
+    const size_t matches = deflateMatches(sample, bytes, scratch.get(), capacity);
+    const size_t runs = deflateRuns(sample, bytes, scratch.get(), capacity);
+    return runs != 0 && (matches == 0 || runs < matches) ? PngDeflate::Runs : PngDeflate::Matches;
+}
+
+unsigned char* appendChunkHeader(unsigned char* p, uint32_t length, const char* type)
+{
+    storeBigEndian32(length, p);
+    std::memcpy(p + 4, type, 4);
+    return p + 8;
+}
+
+// The CRC over type and data, stored after the data; returns the end of the chunk.
+unsigned char* closeChunk(unsigned char* typeStart, uint32_t length)
+{
+    const uint32_t crc = libdeflate_crc32(0, typeStart, static_cast<size_t>(length) + 4);
+    storeBigEndian32(crc, typeStart + 4 + length);
+    return typeStart + 8 + length;
+}
+
+// The rows after their filter bytes, in place: row y moves from y * (width + 1) + 1 to
+// y * width. Each destination byte lies before every source byte not yet read, so a forward
+// pass (or a 16-byte load before its store) never overwrites what it still needs.
+bool unfilterInPlace(unsigned char* buffer, size_t width, size_t height)
+{
+    for (size_t y = 0; y < height; ++y) {
+        const unsigned char* src = buffer + y * (width + 1) + 1;
+        const unsigned char filter = src[-1];
+        unsigned char* dst = buffer + y * width;
+        const unsigned char* above = y > 0 ? dst - width : nullptr;
+        switch (filter) {
+        case c_filterNone:
+            std::memmove(dst, src, width);
+            break;
+        case c_filterSub: {
+            unsigned char left = 0;
+            for (size_t x = 0; x < width; ++x)
+                dst[x] = left = static_cast<unsigned char>(src[x] + left);
+            break;
+        }
+        case c_filterUp:
+            if (above == nullptr) {
+                std::memmove(dst, src, width);
+                break;
+            }
+            {
+                size_t x = 0;
+                for (; x + 16 <= width; x += 16) {
+                    const __m128i d = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + x));
+                    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + x));
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_add_epi8(d, b));
+                }
+                for (; x < width; ++x)
+                    dst[x] = static_cast<unsigned char>(src[x] + above[x]);
+            }
+            break;
+        case c_filterAverage:
+            for (size_t x = 0; x < width; ++x) {
+                const unsigned a = x > 0 ? dst[x - 1] : 0u;
+                const unsigned b = above ? above[x] : 0u;
+                dst[x] = static_cast<unsigned char>(src[x] + ((a + b) >> 1));
+            }
+            break;
+        case c_filterPaeth:
+            for (size_t x = 0; x < width; ++x) {
+                const int a = x > 0 ? dst[x - 1] : 0;
+                const int b = above ? above[x] : 0;
+                const int c = x > 0 && above ? above[x - 1] : 0;
+                const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
+                const int predictor = pa <= pb && pa <= pc ? a : (pb <= pc ? b : c);
+                dst[x] = static_cast<unsigned char>(src[x] + predictor);
+            }
+            break;
+        default:
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
+                         std::vector<unsigned char>& out, PngDeflate* used)
+{
+    out.clear();
+    if (width == 0 || height == 0 || width > c_maxPngDimension || height > c_maxPngDimension)
+        return false;
+    const size_t rowBytes = static_cast<size_t>(width) + 1;
+    const size_t filteredBytes = rowBytes * height;
+    std::unique_ptr<unsigned char[]> filtered(new (std::nothrow) unsigned char[filteredBytes]);
+    if (!filtered)
+        return false;
+    filterUp(pixels, width, height, filtered.get());
+
+    const PngDeflate method = chooseDeflate(filtered.get(), rowBytes, height);
+    const size_t bound = method == PngDeflate::Runs ? deflateRunsBound(filteredBytes) : deflateMatchesBound(filteredBytes);
+    // Signature, IHDR chunk, IDAT header, IDAT CRC, IEND chunk.
+    constexpr size_t before = 8 + 25 + 8;
+    constexpr size_t after = 4 + 12;
+    if (bound == 0 || bound > c_maxPngDimension)
+        return false;
+    try {
+        out.resize(before + bound + after);
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return false;
+    }
+    unsigned char* p = out.data();
+    std::memcpy(p, c_pngSignature, sizeof(c_pngSignature));
+    p += sizeof(c_pngSignature);
+
+    unsigned char* chunk = p;
+    p = appendChunkHeader(p, 13, "IHDR");
+    storeBigEndian32(width, p);
+    storeBigEndian32(height, p + 4);
+    const unsigned char ihdrTail[5] = {8, 0, 0, 0, 0};   // depth 8, grey, deflate, filters, no interlace
+    std::memcpy(p + 8, ihdrTail, sizeof(ihdrTail));
+    p = closeChunk(chunk + 4, 13);
+
+    chunk = p;
+    p = appendChunkHeader(p, 0, "IDAT");
+    const size_t deflated = method == PngDeflate::Runs ? deflateRuns(filtered.get(), filteredBytes, p, bound)
+                                                       : deflateMatches(filtered.get(), filteredBytes, p, bound);
+    if (deflated == 0) {
+        out.clear();
+        return false;
+    }
+    storeBigEndian32(static_cast<uint32_t>(deflated), chunk);
+    p = closeChunk(chunk + 4, static_cast<uint32_t>(deflated));
+
+    chunk = p;
+    p = appendChunkHeader(p, 0, "IEND");
+    p = closeChunk(chunk + 4, 0);
+    out.resize(static_cast<size_t>(p - out.data()));
+    if (used)
+        *used = method;
+    return true;
+}
+
+bool ReadSimplePngGrey8(const unsigned char* data, size_t size, DecodedImage& image)
+{
+    image.pixels.clear();
+    // Signature and the IHDR chunk, then the IDAT header.
+    if (size < 8 + 25 + 8 || std::memcmp(data, c_pngSignature, 8) != 0)
+        return false;
+    const unsigned char* ihdr = data + 8;
+    if (loadBigEndian32(ihdr) != 13 || std::memcmp(ihdr + 4, "IHDR", 4) != 0
+        || libdeflate_crc32(0, ihdr + 4, 17) != loadBigEndian32(ihdr + 21))
+        return false;
+    const uint32_t width = loadBigEndian32(ihdr + 8);
+    const uint32_t height = loadBigEndian32(ihdr + 12);
+    const unsigned char* format = ihdr + 16;
+    // Depth 8, grey, deflate, adaptive filters, no interlace.
+    if (width == 0 || height == 0 || width > c_maxPngDimension || height > c_maxPngDimension || format[0] != 8
+        || format[1] != 0 || format[2] != 0 || format[3] != 0 || format[4] != 0)
+        return false;
+
+    const unsigned char* idat = ihdr + 25;
+    const size_t afterIdatHeader = size - (idat + 8 - data);
+    const uint32_t idatLength = loadBigEndian32(idat);
+    // The IDAT data, its CRC and a complete IEND chunk.
+    if (std::memcmp(idat + 4, "IDAT", 4) != 0 || idatLength > c_maxPngDimension
+        || static_cast<size_t>(idatLength) + 4 + 12 > afterIdatHeader)
+        return false;
+    const unsigned char* iend = idat + 12 + idatLength;
+    if (loadBigEndian32(iend) != 0 || std::memcmp(iend + 4, "IEND", 4) != 0
+        || libdeflate_crc32(0, iend + 4, 4) != loadBigEndian32(iend + 8)
+        || libdeflate_crc32(0, idat + 4, static_cast<size_t>(idatLength) + 4) != loadBigEndian32(idat + 8 + idatLength))
+        return false;
+    if (!DecodedSizeAllowed(width, height, 8, image.maxBytes))
+        return false;
+
+    const size_t filteredBytes = (static_cast<size_t>(width) + 1) * height;
+    const std::unique_ptr<libdeflate_decompressor, DecompressorDeleter> inflater(libdeflate_alloc_decompressor());
+    if (!inflater)
+        return false;
+    try {
+        image.pixels.resize(filteredBytes);
+    } catch (const std::bad_alloc&) {
+        image.pixels = {};
+        return false;
+    }
+    size_t consumed = 0;
+    size_t produced = 0;
+    const libdeflate_result result = libdeflate_zlib_decompress_ex(inflater.get(), idat + 8, idatLength,
+                                                                   image.pixels.data(), filteredBytes, &consumed,
+                                                                   &produced);
+    if (result != LIBDEFLATE_SUCCESS || consumed != idatLength || produced != filteredBytes
+        || !unfilterInPlace(image.pixels.data(), width, height)) {
+        image.pixels = {};
+        return false;
+    }
+    image.pixels.resize(static_cast<size_t>(width) * height);
+    image.width = width;
+    image.height = height;
+    image.bitsPerPixel = 8;
+    return true;
+}
+
+} // namespace qzsse::detail
