@@ -2,6 +2,7 @@
 // 8-bit image codecs, and the two-level bit plane.
 
 #include <algorithm>
+#include <cstring>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -196,6 +197,114 @@ void applyPass(CSSEMatrix& acc, CSSEMatrix& settled, const CSSEMatrix* image, un
     }
 }
 
+// The 256 values a quantiser gives back (Unmap depends on the code alone).
+struct CodeValues {
+    float values[256];
+    explicit CodeValues(const RyFloatingPointQuantization& q)
+    {
+        for (unsigned long c = 0; c < 256; ++c)
+            values[c] = q.Unmap(c);
+    }
+};
+
+// applyPass for a pass image of acc's size given by its codes (rows of width bytes), without
+// forming the image: it holds values[code] in the real part and 0 in the padding, as a
+// de-quantised matrix does. settled null means that nothing is settled yet and that this pass
+// settles nothing (it has no invalid value). Fresh: acc is all zeros, whatever its storage
+// holds, so it is written and not read.
+template <bool Subtract, bool Fresh, bool WithSettled>
+void applyPassCodesAs(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* codes, const CodeValues& table,
+                      bool hasInvalid, float invalid)
+{
+    const float* values = table.values;
+    const __m128 zero = _mm_setzero_ps();
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 inv = _mm_set1_ps(invalid);
+    const __m128 invIsNaN = _mm_cmpunord_ps(inv, inv);
+    const __m128 checkInvalid = hasInvalid ? _mm_cmpeq_ps(zero, zero) : zero;
+    const int width = acc.GetSizeX();
+    const int height = acc.GetSizeY();
+    const size_t stride = static_cast<size_t>(width);
+    __m128** a = acc.GetMatrixDataDirectly();
+    __m128** m = WithSettled ? settled->GetMatrixDataDirectly() : nullptr;
+
+    const auto combine = [&](int j, int x, __m128 tv) {
+        const __m128 before = Fresh ? zero : a[j][x];
+        const __m128 updated = Subtract ? _mm_sub_ps(before, tv) : _mm_add_ps(before, tv);
+        if constexpr (WithSettled) {
+            const __m128 open = _mm_cmpeq_ps(m[j][x], zero);
+            a[j][x] = select(open, updated, before);
+            m[j][x] = select(_mm_and_ps(equalsInvalid(tv, inv, invIsNaN), checkInvalid), one, m[j][x]);
+        } else {
+            a[j][x] = updated;
+        }
+    };
+
+    for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+        const int rows = std::clamp(height - 4 * j, 0, 4);
+        const unsigned char* row = codes + static_cast<size_t>(4 * j) * stride;
+        int x = 0;
+        if (rows == 4) {
+            for (; x < width; ++x)
+                combine(j, x, _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
+                                          values[row[3 * stride + x]]));
+        } else if (rows > 0) {
+            for (; x < width; ++x) {
+                alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+                for (int r = 0; r < rows; ++r)
+                    lanes[r] = values[row[static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                combine(j, x, _mm_load_ps(lanes));
+            }
+        }
+        for (; x < acc.GetSSESizeX(); ++x)
+            combine(j, x, zero);
+    }
+}
+
+void applyPassCodes(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* codes, const CodeValues& table,
+                    bool hasInvalid, float invalid, bool subtract, bool fresh)
+{
+    if (settled) {
+        if (subtract)
+            applyPassCodesAs<true, false, true>(acc, settled, codes, table, hasInvalid, invalid);
+        else if (fresh)
+            applyPassCodesAs<false, true, true>(acc, settled, codes, table, hasInvalid, invalid);
+        else
+            applyPassCodesAs<false, false, true>(acc, settled, codes, table, hasInvalid, invalid);
+    } else {
+        if (subtract)
+            applyPassCodesAs<true, false, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+        else if (fresh)
+            applyPassCodesAs<false, true, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+        else
+            applyPassCodesAs<false, false, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+    }
+}
+
+// The 8-bit codes of an encoded image on the stream, as CSSEMatrix::decode(stream, 8, ...)
+// gives them, but kept in the decoder's buffer instead of copied.
+std::vector<unsigned char> readPassCodes(RbStreamReadBinary& stream, unsigned int& width, unsigned int& height)
+{
+    width = 0;
+    height = 0;
+    const CString file = stream.ReadString();
+    DecodedImage image = DecodeImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
+    if (image.width == 0 || image.height == 0 || !DecodedSizeAllowed(image.width, image.height, 8, image.maxBytes))
+        return {};
+    width = image.width;
+    height = image.height;
+    if (image.pixels.empty() || image.bitsPerPixel > 8)
+        return {};
+    if (image.bitsPerPixel == 8)
+        return std::move(image.pixels);
+    // Narrower frames keep their own rows, each at the start of a row of width bytes.
+    const size_t frameStride = (static_cast<size_t>(image.width) * image.bitsPerPixel + 7) / 8;
+    std::vector<unsigned char> codes(static_cast<size_t>(image.width) * image.height, 0);
+    for (size_t y = 0; y < image.height; ++y)
+        std::memcpy(codes.data() + y * image.width, image.pixels.data() + y * frameStride, frameStride);
+    return codes;
+}
+
 // Sizes the matrix for a decoded pass image. False when the codes do not fill an image of
 // that size (a failed decode): de-quantizing would leave the image at zero then, which
 // applyPass reproduces without allocating it.
@@ -254,8 +363,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
     if (passCoded) {
         const unsigned int passes = own.m_uiNumberOfPasses;
         CSSEMatrix residual(*this);
+        // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
-        settled.Create(m_SizeX, m_SizeY);
         qzsse::detail::SettledStairs failedPasses;
         for (unsigned int k = 0; k < passes; ++k) {
             // Intermediate passes code as finely as they can; only the last one applies
@@ -312,12 +421,23 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             } catch (const RbStreamException&) {
                 qzsse::detail::throwCodecWroteNothing("pass image");
             }
-            CSSEMatrix image;
-            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
-            if (decoded)
-                image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, true,
-                                     failedPasses);
+            if (hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+                settled.Create(m_SizeX, m_SizeY);
+            if (w == static_cast<unsigned>(m_SizeX) && h == static_cast<unsigned>(m_SizeY)
+                && static_cast<unsigned long long>(codes.GetSize()) == static_cast<unsigned long long>(w) * h) {
+                qzsse::detail::applyPassCodes(residual, settled.GetMatrixDataDirectly() ? &settled : nullptr,
+                                              codes.GetData(), qzsse::detail::CodeValues(*q), hasInvalid, invalid,
+                                              true, false);
+            } else {
+                if (settled.GetMatrixDataDirectly() == nullptr)
+                    settled.Create(m_SizeX, m_SizeY);
+                CSSEMatrix image;
+                const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
+                if (decoded)
+                    image.deQuantize(*q, codes);
+                qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid,
+                                         true, failedPasses);
+            }
             payload.WriteBuffer(pass.GetData(), pass.GetSize());
         }
         error = qzsse::detail::maxAbsValue(residual);
@@ -385,7 +505,12 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
     qzsse::detail::checkStreamSize(stream, width, height, method, passes);
 
     const bool created = m_Data == nullptr || width != m_SizeX || height != m_SizeY;
-    if (created)
+    const bool passCoded = method >= 1 && method <= 3;
+    // A pass-coded matrix starts at zero; its first full-size pass writes every element
+    // without reading them, so the zeros are only stored when another pass comes first.
+    if (created && passCoded && passes > 0)
+        CreateNoClear(width, height);
+    else if (created)
         Create(width, height);
     m_CompressionParameters.m_eMethod = method;
 
@@ -393,32 +518,59 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
         // A version-0 stream holds no pixels: its matrix is 0 x 0, so there is nothing to set.
         if (version >= 1)
             qzsse::detail::readRawFloats(*this, stream);
-    } else if (method >= 1 && method <= 3) {
+    } else if (passCoded) {
         m_CompressionParameters.m_uiNumberOfPasses = passes;
-        if (!created)
-            Fill(0.0f);
-        // Without passes nothing is settled: no mask to allocate.
+        bool fresh = true;
+        // Allocated by the first pass that can settle an element: without invalid values and
+        // failed passes nothing is ever settled.
         CSSEMatrix settled;
-        if (passes > 0)
-            settled.Create(m_SizeX, m_SizeY);
         qzsse::detail::SettledStairs failedPasses;
-        for (unsigned int k = 0; k < passes; ++k) {
-            bool hasInvalid = false;
-            float invalid = 0.0f;
-            unsigned int w = 0;
-            unsigned int h = 0;
-            const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
-            const RbArray<unsigned char> codes = decode(stream, 8, w, h);
-            CSSEMatrix image;
-            // The writer's own pass images have its matrix's size; a reader's are bounded too.
-            if (codes.GetSize() > 0)
-                qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
-            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
-            if (decoded)
-                image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, false,
-                                     failedPasses);
+        // A stream that breaks off before the first pass was applied leaves zeros, not
+        // whatever the new storage held.
+        try {
+            for (unsigned int k = 0; k < passes; ++k) {
+                bool hasInvalid = false;
+                float invalid = 0.0f;
+                unsigned int w = 0;
+                unsigned int h = 0;
+                const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
+                std::vector<unsigned char> codes = qzsse::detail::readPassCodes(stream, w, h);
+                // The writer's own pass images have its matrix's size; a reader's are bounded too.
+                if (!codes.empty())
+                    qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
+                if (hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+                    settled.Create(m_SizeX, m_SizeY);
+                if (w == static_cast<unsigned>(m_SizeX) && h == static_cast<unsigned>(m_SizeY)
+                    && static_cast<unsigned long long>(codes.size()) == static_cast<unsigned long long>(w) * h) {
+                    qzsse::detail::applyPassCodes(*this, settled.GetMatrixDataDirectly() ? &settled : nullptr,
+                                                  codes.data(), qzsse::detail::CodeValues(*q), hasInvalid, invalid,
+                                                  false, fresh);
+                } else {
+                    if (fresh)
+                        Fill(0.0f);
+                    if (settled.GetMatrixDataDirectly() == nullptr)
+                        settled.Create(m_SizeX, m_SizeY);
+                    RbArray<unsigned char> kept;
+                    kept.SetSize(static_cast<std::ptrdiff_t>(codes.size()));
+                    if (!codes.empty())
+                        std::memcpy(kept.GetData(), codes.data(), codes.size());
+                    CSSEMatrix image;
+                    const bool decoded = qzsse::detail::preparePassImage(kept, w, h, image);
+                    if (decoded)
+                        image.deQuantize(*q, kept);
+                    qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid,
+                                             false, failedPasses);
+                }
+                fresh = false;
+            }
+        } catch (...) {
+            if (fresh)
+                Fill(0.0f);
+            throw;
         }
+        // Without passes: zero, as a new matrix already is.
+        if (fresh && !created)
+            Fill(0.0f);
     } else if (method == 4) {
         decodeCCIT4(stream);
     }
