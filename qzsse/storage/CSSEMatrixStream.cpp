@@ -24,6 +24,7 @@
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
 #include "qzsse/storage/detail/PassDecoding.h"
+#include "qzsse/storage/detail/PngGrey8Direct.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
@@ -281,6 +282,88 @@ void applyPassCodes(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* c
     }
 }
 
+// A pass as the reader has it before applying it.
+struct ReadPass {
+    std::unique_ptr<RyFloatingPointQuantization> q;
+    bool hasInvalid = false;
+    float invalid = 0.0f;
+    std::vector<unsigned char> codes;
+    unsigned int width = 0;
+    unsigned int height = 0;
+};
+
+// The passes applied one after the other from a zero matrix (applyPass) in one sweep over
+// acc, when every pass image has acc's size: each lane sums its passes until one settles it,
+// so no settled mask and no intermediate sum is stored. acc is written, not read.
+void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
+{
+    struct Lookup {
+        CodeValues table;
+        const unsigned char* codes;
+        __m128 invalid, invalidIsNaN, checkInvalid;
+    };
+    std::vector<Lookup> lookups;
+    lookups.reserve(passes.size());
+    for (const ReadPass& p : passes) {
+        const __m128 inv = _mm_set1_ps(p.invalid);
+        lookups.push_back({CodeValues(*p.q), p.codes.data(), inv, _mm_cmpunord_ps(inv, inv),
+                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0))});
+    }
+    // Without invalid values nothing settles: plain sums.
+    const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
+    const __m128 zero = _mm_setzero_ps();
+    const int width = acc.GetSizeX();
+    const int height = acc.GetSizeY();
+    const size_t stride = static_cast<size_t>(width);
+    __m128** a = acc.GetMatrixDataDirectly();
+    for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+        const int rows = std::clamp(height - 4 * j, 0, 4);
+        const size_t first = static_cast<size_t>(4 * j) * stride;
+        int x = 0;
+        if (rows == 4 && !anyInvalid) {
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                for (const Lookup& l : lookups) {
+                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const float* v = l.table.values;
+                    sum = _mm_add_ps(sum, _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]));
+                }
+                a[j][x] = sum;
+            }
+        } else if (rows == 4) {
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                __m128 settled = zero;
+                for (const Lookup& l : lookups) {
+                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const float* v = l.table.values;
+                    const __m128 tv = _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]);
+                    sum = select(settled, sum, _mm_add_ps(sum, tv));
+                    settled = _mm_or_ps(settled, _mm_and_ps(equalsInvalid(tv, l.invalid, l.invalidIsNaN), l.checkInvalid));
+                }
+                a[j][x] = sum;
+            }
+        } else if (rows > 0) {
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                __m128 settled = zero;
+                for (const Lookup& l : lookups) {
+                    alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+                    for (int r = 0; r < rows; ++r)
+                        lanes[r] = l.table.values[l.codes[first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                    const __m128 tv = _mm_load_ps(lanes);
+                    sum = select(settled, sum, _mm_add_ps(sum, tv));
+                    settled = _mm_or_ps(settled, _mm_and_ps(equalsInvalid(tv, l.invalid, l.invalidIsNaN), l.checkInvalid));
+                }
+                a[j][x] = sum;
+            }
+        }
+        // Padding: every pass adds 0 to +0.
+        for (; x < acc.GetSSESizeX(); ++x)
+            a[j][x] = zero;
+    }
+}
+
 // The 8-bit codes of an encoded image on the stream, as CSSEMatrix::decode(stream, 8, ...)
 // gives them, but kept in the decoder's buffer instead of copied.
 std::vector<unsigned char> readPassCodes(RbStreamReadBinary& stream, unsigned int& width, unsigned int& height)
@@ -337,6 +420,22 @@ bool pngPassReadable(size_t pngBytes, unsigned width, unsigned height)
     return DecodedSizeAllowed(width, height, 8, maxBytes);
 }
 
+// The counted PNG file of a pass's codes, as CSSEMatrix::encode writes it (nothing on a codec
+// failure), with libdeflate's quicker level when `quick`; returns the file's size.
+size_t writePngPass(const RbArray<unsigned char>& codes, unsigned width, unsigned height, bool quick,
+                    RbStreamWriteBinary& pass)
+{
+    if (static_cast<unsigned long long>(codes.GetSize()) < static_cast<unsigned long long>(width) * height)
+        return 0;
+    std::vector<unsigned char> file;
+    if (!WritePngGrey8Direct(codes.GetData(), width, height, file, nullptr, quick)
+        || file.size() > std::numeric_limits<unsigned int>::max())
+        return 0;
+    pass.WriteUInt32(static_cast<unsigned int>(file.size()));
+    pass.WriteBuffer(file.data(), file.size());
+    return file.size();
+}
+
 [[noreturn]] void throwCodecWroteNothing(const char* what)
 {
     throw std::runtime_error(std::string("CSSEMatrix::Serialize: the image codec produced no ") + what
@@ -385,18 +484,16 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             bool writtenReadable = false;
             if (method == 1 || (method == 3 && k > 0)) {
                 residual.encodeJPEG(pass);
-            } else if (qzsse::detail::g_bDirectPassDecoding) {
-                residual.encodePNG(pass);
             } else {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     residual.createAndEncodeQuantizer(params.m_bUseInvalidValue, pass);
-                const size_t headerBytes = pass.GetSize();
                 written = residual.quantize(*used);
-                residual.encode(written, pass, qzsse::ImageContainer::Png, 8, nullptr);
-                // The count of 4 bytes precedes the PNG file.
-                writtenReadable = pass.GetSize() > headerBytes + 4
-                                  && qzsse::detail::pngPassReadable(pass.GetSize() - headerBytes - 4,
-                                                                    static_cast<unsigned>(m_SizeX),
+                // A pass that a later one refines takes the quicker deflate.
+                const size_t pngBytes = qzsse::detail::writePngPass(written, static_cast<unsigned>(m_SizeX),
+                                                                    static_cast<unsigned>(m_SizeY), k + 1 != passes,
+                                                                    pass);
+                writtenReadable = !qzsse::detail::g_bDirectPassDecoding && pngBytes > 0
+                                  && qzsse::detail::pngPassReadable(pngBytes, static_cast<unsigned>(m_SizeX),
                                                                     static_cast<unsigned>(m_SizeY));
             }
 
@@ -521,45 +618,58 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
     } else if (passCoded) {
         m_CompressionParameters.m_uiNumberOfPasses = passes;
         bool fresh = true;
-        // Allocated by the first pass that can settle an element: without invalid values and
-        // failed passes nothing is ever settled.
-        CSSEMatrix settled;
-        qzsse::detail::SettledStairs failedPasses;
         // A stream that breaks off before the first pass was applied leaves zeros, not
         // whatever the new storage held.
         try {
-            for (unsigned int k = 0; k < passes; ++k) {
-                bool hasInvalid = false;
-                float invalid = 0.0f;
-                unsigned int w = 0;
-                unsigned int h = 0;
-                const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
-                std::vector<unsigned char> codes = qzsse::detail::readPassCodes(stream, w, h);
+            // All passes are read first (their decoded sizes are bounded by their bytes) so
+            // that full-size ones are summed in one sweep.
+            std::vector<qzsse::detail::ReadPass> read(passes);
+            bool allFullSize = true;
+            for (qzsse::detail::ReadPass& p : read) {
+                p.q = createQuantizer(stream, version, p.hasInvalid, p.invalid);
+                p.codes = qzsse::detail::readPassCodes(stream, p.width, p.height);
                 // The writer's own pass images have its matrix's size; a reader's are bounded too.
-                if (!codes.empty())
-                    qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
-                if (hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+                if (!p.codes.empty())
+                    qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", p.width, p.height,
+                                                              stream.GetOffset());
+                allFullSize = allFullSize && p.width == static_cast<unsigned>(m_SizeX)
+                              && p.height == static_cast<unsigned>(m_SizeY)
+                              && static_cast<unsigned long long>(p.codes.size())
+                                     == static_cast<unsigned long long>(p.width) * p.height;
+            }
+            if (passes > 0 && allFullSize) {
+                qzsse::detail::sumFullSizePasses(*this, read);
+                fresh = false;
+                read.clear();
+            }
+            // Otherwise pass by pass, settled elements marked in a matrix.
+            CSSEMatrix settled;
+            qzsse::detail::SettledStairs failedPasses;
+            for (qzsse::detail::ReadPass& p : read) {
+                if (p.hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
                     settled.Create(m_SizeX, m_SizeY);
-                if (w == static_cast<unsigned>(m_SizeX) && h == static_cast<unsigned>(m_SizeY)
-                    && static_cast<unsigned long long>(codes.size()) == static_cast<unsigned long long>(w) * h) {
+                if (p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
+                    && static_cast<unsigned long long>(p.codes.size())
+                           == static_cast<unsigned long long>(p.width) * p.height) {
                     qzsse::detail::applyPassCodes(*this, settled.GetMatrixDataDirectly() ? &settled : nullptr,
-                                                  codes.data(), qzsse::detail::CodeValues(*q), hasInvalid, invalid,
-                                                  false, fresh);
+                                                  p.codes.data(), qzsse::detail::CodeValues(*p.q), p.hasInvalid,
+                                                  p.invalid, false, fresh);
                 } else {
                     if (fresh)
                         Fill(0.0f);
                     if (settled.GetMatrixDataDirectly() == nullptr)
                         settled.Create(m_SizeX, m_SizeY);
                     RbArray<unsigned char> kept;
-                    kept.SetSize(static_cast<std::ptrdiff_t>(codes.size()));
-                    if (!codes.empty())
-                        std::memcpy(kept.GetData(), codes.data(), codes.size());
+                    kept.SetSize(static_cast<std::ptrdiff_t>(p.codes.size()));
+                    if (!p.codes.empty())
+                        std::memcpy(kept.GetData(), p.codes.data(), p.codes.size());
+                    std::vector<unsigned char>().swap(p.codes);
                     CSSEMatrix image;
-                    const bool decoded = qzsse::detail::preparePassImage(kept, w, h, image);
+                    const bool decoded = qzsse::detail::preparePassImage(kept, p.width, p.height, image);
                     if (decoded)
-                        image.deQuantize(*q, kept);
-                    qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid,
-                                             false, failedPasses);
+                        image.deQuantize(*p.q, kept);
+                    qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, p.width, p.height,
+                                             p.hasInvalid, p.invalid, false, failedPasses);
                 }
                 fresh = false;
             }

@@ -208,7 +208,7 @@ TEST(PngDirect, WrittenPayloadsOfBothDeflatesPassPngcheckAndLibpng)
     for (unsigned y = 0; y < height; ++y)
         for (unsigned x = 0; x < width; ++x)
             smooth[y * width + x] = static_cast<unsigned char>(127.5 + 120.0 * std::sin(x / 90.0) * std::cos(y / 70.0));
-    const Bytes noise = Noise(width * height, 5, 120, 135);
+    const Bytes noise = Noise(width * height, 5, 124, 131);   // a residual of a few codes
     bool seen[2] = {false, false};
     for (const Bytes* pixels : std::array<const Bytes*, 2>{&smooth, &noise}) {
         Bytes file;
@@ -225,5 +225,5 @@ TEST(PngDirect, WrittenPayloadsOfBothDeflatesPassPngcheckAndLibpng)
             EXPECT_EQ(std::system(("/usr/bin/pngcheck -q " + dir.File("p.png") + " > /dev/null").c_str()), 0);
         }
     }
-    EXPECT_TRUE(seen[0] && seen[1]) << "the two images should take both deflates";
+    EXPECT_TRUE(seen[0] && seen[1]) << "the two images should take both deflates: " << seen[0] << seen[1];
 }
