@@ -488,9 +488,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     residual.createAndEncodeQuantizer(params.m_bUseInvalidValue, pass);
                 written = residual.quantize(*used);
-                // A pass that a later one refines takes the quicker deflate.
+                // A PNG pass that a later PNG pass refines takes the quicker deflate.
                 const size_t pngBytes = qzsse::detail::writePngPass(written, static_cast<unsigned>(m_SizeX),
-                                                                    static_cast<unsigned>(m_SizeY), k + 1 != passes,
+                                                                    static_cast<unsigned>(m_SizeY), method == 2 && k + 1 != passes,
                                                                     pass);
                 writtenReadable = !qzsse::detail::g_bDirectPassDecoding && pngBytes > 0
                                   && qzsse::detail::pngPassReadable(pngBytes, static_cast<unsigned>(m_SizeX),
