@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 #include <xmmintrin.h>
@@ -292,23 +293,71 @@ struct ReadPass {
     unsigned int height = 0;
 };
 
+struct PassLookup {
+    CodeValues table;
+    const unsigned char* codes;
+    __m128 invalid, invalidIsNaN, checkInvalid;
+    __m128 min, factor;   // of a uniform quantiser
+};
+
+// Four code rows of 16 columns each as the values of the plain uniform quantiser,
+// min + code / factor (its Unmap, the same operations lane by lane), summed over the passes
+// into 16 band vectors. Returns the first column not done.
+int sumUniformBlocks(__m128* band, const PassLookup* lookups, size_t passCount, size_t first, size_t stride,
+                     int width)
+{
+    const __m128i zero = _mm_setzero_si128();
+    int x = 0;
+    for (; x + 16 <= width; x += 16) {
+        __m128 sum[16];
+        for (__m128& v : sum)
+            v = _mm_setzero_ps();
+        for (size_t k = 0; k < passCount; ++k) {
+            const PassLookup& l = lookups[k];
+            __m128 values[4][4];   // [row][group of four columns]
+            for (int r = 0; r < 4; ++r) {
+                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(
+                    l.codes + first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)));
+                const __m128i low = _mm_unpacklo_epi8(bytes, zero);
+                const __m128i high = _mm_unpackhi_epi8(bytes, zero);
+                const __m128i words[4] = {_mm_unpacklo_epi16(low, zero), _mm_unpackhi_epi16(low, zero),
+                                          _mm_unpacklo_epi16(high, zero), _mm_unpackhi_epi16(high, zero)};
+                for (int g = 0; g < 4; ++g)
+                    values[r][g] = _mm_add_ps(l.min, _mm_div_ps(_mm_cvtepi32_ps(words[g]), l.factor));
+            }
+            for (int g = 0; g < 4; ++g) {
+                __m128 c0 = values[0][g], c1 = values[1][g], c2 = values[2][g], c3 = values[3][g];
+                _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
+                sum[4 * g] = _mm_add_ps(sum[4 * g], c0);
+                sum[4 * g + 1] = _mm_add_ps(sum[4 * g + 1], c1);
+                sum[4 * g + 2] = _mm_add_ps(sum[4 * g + 2], c2);
+                sum[4 * g + 3] = _mm_add_ps(sum[4 * g + 3], c3);
+            }
+        }
+        for (int i = 0; i < 16; ++i)
+            band[x + i] = sum[i];
+    }
+    return x;
+}
+
 // The passes applied one after the other from a zero matrix (applyPass) in one sweep over
 // acc, when every pass image has acc's size: each lane sums its passes until one settles it,
 // so no settled mask and no intermediate sum is stored. acc is written, not read.
 void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
 {
-    struct Lookup {
-        CodeValues table;
-        const unsigned char* codes;
-        __m128 invalid, invalidIsNaN, checkInvalid;
-    };
-    std::vector<Lookup> lookups;
+    std::vector<PassLookup> lookups;
     lookups.reserve(passes.size());
     for (const ReadPass& p : passes) {
         const __m128 inv = _mm_set1_ps(p.invalid);
+        const auto* uniform = dynamic_cast<const RyFloatingPointQuantizationUniform*>(p.q.get());
         lookups.push_back({CodeValues(*p.q), p.codes.data(), inv, _mm_cmpunord_ps(inv, inv),
-                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0))});
+                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0)),
+                           _mm_set1_ps(uniform ? uniform->GetMin() : 0.0f),
+                           _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
     }
+    const bool allUniform = std::all_of(passes.begin(), passes.end(), [](const ReadPass& p) {
+        return typeid(*p.q) == typeid(RyFloatingPointQuantizationUniform);
+    });
     // Without invalid values nothing settles: plain sums.
     const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
     const __m128 zero = _mm_setzero_ps();
@@ -321,9 +370,11 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
         const size_t first = static_cast<size_t>(4 * j) * stride;
         int x = 0;
         if (rows == 4 && !anyInvalid) {
+            if (allUniform)
+                x = sumUniformBlocks(a[j], lookups.data(), lookups.size(), first, stride, width);
             for (; x < width; ++x) {
                 __m128 sum = zero;
-                for (const Lookup& l : lookups) {
+                for (const PassLookup& l : lookups) {
                     const unsigned char* row = l.codes + first + static_cast<size_t>(x);
                     const float* v = l.table.values;
                     sum = _mm_add_ps(sum, _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]));
@@ -334,7 +385,7 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
             for (; x < width; ++x) {
                 __m128 sum = zero;
                 __m128 settled = zero;
-                for (const Lookup& l : lookups) {
+                for (const PassLookup& l : lookups) {
                     const unsigned char* row = l.codes + first + static_cast<size_t>(x);
                     const float* v = l.table.values;
                     const __m128 tv = _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]);
@@ -347,7 +398,7 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
             for (; x < width; ++x) {
                 __m128 sum = zero;
                 __m128 settled = zero;
-                for (const Lookup& l : lookups) {
+                for (const PassLookup& l : lookups) {
                     alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
                     for (int r = 0; r < rows; ++r)
                         lanes[r] = l.table.values[l.codes[first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];

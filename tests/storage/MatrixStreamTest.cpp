@@ -345,9 +345,10 @@ TEST(MatrixStreamPasses, ReusingTheCodesOfPngPassesWritesWhatDecodingThemWrites)
 TEST(MatrixStreamPasses, ReaderSumsThePassesAsTheFormatSaysIntoNewAndUsedMatrices)
 {
     for (const float invalid : {0.0f, -9.5f, kNaN}) {   // 0: no invalid value in use
-        CSSEMatrix surface = Surface(13, 11, 9);
+        // Blocks of 16 columns, a tail and a last band of three rows.
+        CSSEMatrix surface = Surface(37, 11, 9);
         for (int y = 0; y < 11; ++y)
-            for (int x = 0; x < 13; ++x)
+            for (int x = 0; x < 37; ++x)
                 if (invalid != 0.0f && (x + 2 * y) % 7 == 0)
                     surface.SetPointUnsafe(x, y, invalid);
         surface.GetCompressionParameters().m_bUseInvalidValue = invalid != 0.0f;
@@ -356,7 +357,7 @@ TEST(MatrixStreamPasses, ReaderSumsThePassesAsTheFormatSaysIntoNewAndUsedMatrice
             for (unsigned passes : {1u, 2u, 3u})
                 for (float bound : {0.0f, 0.5f}) {
                     const Bytes bytes = StreamBytes(Coded(surface, method, passes, bound));
-                    std::vector<float> expected(13 * 11, 0.0f);
+                    std::vector<float> expected(37 * 11, 0.0f);
                     std::vector<bool> settled(expected.size(), false);
                     for (const Pass& p : ParsePasses(bytes)) {
                         const qzsse::detail::DecodedImage codes =
@@ -372,7 +373,7 @@ TEST(MatrixStreamPasses, ReaderSumsThePassesAsTheFormatSaysIntoNewAndUsedMatrice
                                 settled[i] = true;
                         }
                     }
-                    CSSEMatrix used = MatrixOf(13, 11, [](int, int) { return kNaN; });
+                    CSSEMatrix used = MatrixOf(37, 11, [](int, int) { return kNaN; });
                     CSSEMatrix fresh;
                     for (CSSEMatrix* back : {&used, &fresh}) {
                         ReadStream(*back, bytes);
