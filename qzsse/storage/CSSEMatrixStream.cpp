@@ -35,6 +35,9 @@ namespace {
 constexpr int kMaxStreamHeight = 4 * CSSEMatrix::c_iMaxFields * CSSEMatrix::c_iLinesPerField - 1;
 // The pass index of the format is an 8-bit counter.
 constexpr unsigned int kMaxPasses = 255;
+// Entries of up to this many passes are read whole and summed in one sweep; the codes of
+// every pass are then held at once.
+constexpr unsigned int kMaxSweptPasses = 4;
 // Raw floats move through a buffer of this many bytes (a multiple of one 16-byte vector).
 constexpr size_t kRawChunkBytes = 64 * 1024;
 
@@ -672,36 +675,24 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
         // A stream that breaks off before the first pass was applied leaves zeros, not
         // whatever the new storage held.
         try {
-            // All passes are read first (their decoded sizes are bounded by their bytes) so
-            // that full-size ones are summed in one sweep.
-            std::vector<qzsse::detail::ReadPass> read(passes);
-            bool allFullSize = true;
-            for (qzsse::detail::ReadPass& p : read) {
+            const auto readPass = [&](qzsse::detail::ReadPass& p) {
                 p.q = createQuantizer(stream, version, p.hasInvalid, p.invalid);
                 p.codes = qzsse::detail::readPassCodes(stream, p.width, p.height);
                 // The writer's own pass images have its matrix's size; a reader's are bounded too.
                 if (!p.codes.empty())
                     qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", p.width, p.height,
                                                               stream.GetOffset());
-                allFullSize = allFullSize && p.width == static_cast<unsigned>(m_SizeX)
-                              && p.height == static_cast<unsigned>(m_SizeY)
-                              && static_cast<unsigned long long>(p.codes.size())
-                                     == static_cast<unsigned long long>(p.width) * p.height;
-            }
-            if (passes > 0 && allFullSize) {
-                qzsse::detail::sumFullSizePasses(*this, read);
-                fresh = false;
-                read.clear();
-            }
-            // Otherwise pass by pass, settled elements marked in a matrix.
+                return p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
+                       && static_cast<unsigned long long>(p.codes.size())
+                              == static_cast<unsigned long long>(p.width) * p.height;
+            };
+            // Pass by pass, settled elements marked in a matrix.
             CSSEMatrix settled;
             qzsse::detail::SettledStairs failedPasses;
-            for (qzsse::detail::ReadPass& p : read) {
+            const auto applyOne = [&](qzsse::detail::ReadPass& p, bool fullSize) {
                 if (p.hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
                     settled.Create(m_SizeX, m_SizeY);
-                if (p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
-                    && static_cast<unsigned long long>(p.codes.size())
-                           == static_cast<unsigned long long>(p.width) * p.height) {
+                if (fullSize) {
                     qzsse::detail::applyPassCodes(*this, settled.GetMatrixDataDirectly() ? &settled : nullptr,
                                                   p.codes.data(), qzsse::detail::CodeValues(*p.q), p.hasInvalid,
                                                   p.invalid, false, fresh);
@@ -723,6 +714,29 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
                                              p.hasInvalid, p.invalid, false, failedPasses);
                 }
                 fresh = false;
+            };
+
+            if (passes <= qzsse::detail::kMaxSweptPasses) {
+                // Read first (their decoded sizes are bounded by their bytes), so that full-size
+                // passes are summed in one sweep.
+                std::vector<qzsse::detail::ReadPass> read(passes);
+                std::vector<char> fullSize(passes);
+                for (unsigned int k = 0; k < passes; ++k)
+                    fullSize[k] = readPass(read[k]);
+                if (passes > 0 && std::all_of(fullSize.begin(), fullSize.end(), [](char f) { return f != 0; })) {
+                    qzsse::detail::sumFullSizePasses(*this, read);
+                    fresh = false;
+                } else {
+                    for (unsigned int k = 0; k < passes; ++k)
+                        applyOne(read[k], fullSize[k] != 0);
+                }
+            } else {
+                // Longer entries keep one pass in memory at a time.
+                for (unsigned int k = 0; k < passes; ++k) {
+                    qzsse::detail::ReadPass p;
+                    const bool full = readPass(p);
+                    applyOne(p, full);
+                }
             }
         } catch (...) {
             if (fresh)

@@ -354,7 +354,7 @@ TEST(MatrixStreamPasses, ReaderSumsThePassesAsTheFormatSaysIntoNewAndUsedMatrice
         surface.GetCompressionParameters().m_bUseInvalidValue = invalid != 0.0f;
         surface.GetCompressionParameters().m_fInvalidValue = invalid;
         for (int method : {2, 3})
-            for (unsigned passes : {1u, 2u, 3u})
+            for (unsigned passes : {1u, 2u, 3u, 6u})   // 6: read and summed pass by pass
                 for (float bound : {0.0f, 0.5f}) {
                     const Bytes bytes = StreamBytes(Coded(surface, method, passes, bound));
                     std::vector<float> expected(37 * 11, 0.0f);
