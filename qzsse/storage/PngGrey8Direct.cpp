@@ -48,23 +48,40 @@ struct DecompressorDeleter {
     void operator()(libdeflate_decompressor* d) const { libdeflate_free_decompressor(d); }
 };
 
-// Rows of width bytes to rows of a filter byte (Up) and width differences to the row above.
-void filterUp(const unsigned char* pixels, size_t width, size_t height, unsigned char* out)
+int paethPredictor(int a, int b, int c)
 {
-    for (size_t y = 0; y < height; ++y) {
+    const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
+    return pa <= pb && pa <= pc ? a : (pb <= pc ? b : c);
+}
+
+// Rows y0 .. y1 - 1 of width bytes to rows of a filter byte (Up or Paeth) and the row's
+// differences to its prediction, from out on.
+void filterRows(const unsigned char* pixels, size_t width, size_t y0, size_t y1, unsigned char filter,
+                unsigned char* out)
+{
+    for (size_t y = y0; y < y1; ++y) {
         const unsigned char* row = pixels + y * width;
-        unsigned char* dst = out + y * (width + 1);
-        *dst++ = c_filterUp;
-        if (y == 0) {
+        const unsigned char* above = y > 0 ? row - width : nullptr;
+        unsigned char* dst = out + (y - y0) * (width + 1);
+        *dst++ = filter;
+        if (filter == c_filterPaeth) {
+            for (size_t x = 0; x < width; ++x) {
+                const int a = x > 0 ? row[x - 1] : 0;
+                const int b = above ? above[x] : 0;
+                const int c = x > 0 && above ? above[x - 1] : 0;
+                dst[x] = static_cast<unsigned char>(row[x] - paethPredictor(a, b, c));
+            }
+            continue;
+        }
+        if (above == nullptr) {
             std::memcpy(dst, row, width);
             continue;
         }
-        const unsigned char* above = row - width;
         size_t x = 0;
         for (; x + 16 <= width; x += 16) {
-            const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(row + x));
             const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + x));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_sub_epi8(a, b));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + x), _mm_sub_epi8(v, b));
         }
         for (; x < width; ++x)
             dst[x] = static_cast<unsigned char>(row[x] - above[x]);
@@ -125,24 +142,44 @@ size_t deflateLiteralsBound(size_t size)
     return bound;
 }
 
-// The smaller deflate on a band of rows in the middle of the image (the whole of a small one).
-PngDeflate chooseDeflate(const unsigned char* filtered, size_t rowBytes, size_t height, int level)
+struct PngEncoding {
+    unsigned char filter;
+    PngDeflate deflate;
+};
+
+// The smallest of Up and Paeth rows, each with both deflates, on a band of rows in the
+// middle of the image (the whole of a small one). Up wins ties: it is undone far faster.
+PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t height, int level)
 {
+    const size_t rowBytes = width + 1;
     const size_t total = rowBytes * height;
     size_t rows = height;
     if (total > c_minSampleBytes) {
-        const size_t wanted = std::max(c_minSampleBytes, total / 32);
+        const size_t wanted = std::max(c_minSampleBytes, total / 64);
         rows = std::clamp<size_t>((wanted + rowBytes - 1) / rowBytes, 1, height);
     }
-    const unsigned char* sample = filtered + (height - rows) / 2 * rowBytes;
+    const size_t y0 = (height - rows) / 2;
     const size_t bytes = rows * rowBytes;
     const size_t capacity = std::max(deflateMatchesBound(bytes), deflateLiteralsBound(bytes));
+    std::unique_ptr<unsigned char[]> sample(new (std::nothrow) unsigned char[bytes]);
     std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[capacity]);
-    if (!scratch)
-        return PngDeflate::Matches;
-    const size_t matches = deflateMatches(sample, bytes, scratch.get(), capacity, level);
-    const size_t runs = deflateLiterals(sample, bytes, scratch.get(), capacity);
-    return runs != 0 && (matches == 0 || runs < matches) ? PngDeflate::Literals : PngDeflate::Matches;
+    PngEncoding best{c_filterUp, PngDeflate::Matches};
+    if (!sample || !scratch)
+        return best;
+    size_t smallest = std::numeric_limits<size_t>::max();
+    for (const unsigned char filter : {c_filterUp, c_filterPaeth}) {
+        filterRows(pixels, width, y0, y0 + rows, filter, sample.get());
+        for (const PngDeflate deflate : {PngDeflate::Matches, PngDeflate::Literals}) {
+            const size_t size = deflate == PngDeflate::Literals
+                                    ? deflateLiterals(sample.get(), bytes, scratch.get(), capacity)
+                                    : deflateMatches(sample.get(), bytes, scratch.get(), capacity, level);
+            if (size != 0 && size < smallest) {
+                smallest = size;
+                best = {filter, deflate};
+            }
+        }
+    }
+    return best;
 }
 
 unsigned char* appendChunkHeader(unsigned char* p, uint32_t length, const char* type)
@@ -208,9 +245,7 @@ bool unfilterInPlace(unsigned char* buffer, size_t width, size_t height)
                 const int a = x > 0 ? dst[x - 1] : 0;
                 const int b = above ? above[x] : 0;
                 const int c = x > 0 && above ? above[x - 1] : 0;
-                const int pa = std::abs(b - c), pb = std::abs(a - c), pc = std::abs(a + b - 2 * c);
-                const int predictor = pa <= pb && pa <= pc ? a : (pb <= pc ? b : c);
-                dst[x] = static_cast<unsigned char>(src[x] + predictor);
+                dst[x] = static_cast<unsigned char>(src[x] + paethPredictor(a, b, c));
             }
             break;
         default:
@@ -231,12 +266,13 @@ bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsign
         return false;
     const size_t rowBytes = static_cast<size_t>(width) + 1;
     const size_t filteredBytes = rowBytes * height;
+    const PngEncoding encoding = chooseEncoding(pixels, width, height, level);
+    const PngDeflate method = encoding.deflate;
     std::unique_ptr<unsigned char[]> filtered(new (std::nothrow) unsigned char[filteredBytes]);
     if (!filtered)
         return false;
-    filterUp(pixels, width, height, filtered.get());
+    filterRows(pixels, width, 0, height, encoding.filter, filtered.get());
 
-    const PngDeflate method = chooseDeflate(filtered.get(), rowBytes, height, level);
     const size_t bound = method == PngDeflate::Literals ? deflateLiteralsBound(filteredBytes) : deflateMatchesBound(filteredBytes);
     if (bound == 0)
         return false;

@@ -11,10 +11,12 @@
 
 namespace qzsse::detail {
 
-// How the IDAT stream of a written PNG was deflated (the smaller on a sample of rows).
+// How the IDAT stream of a written PNG was deflated (chosen on a sample of rows).
 enum class PngDeflate { Matches, Literals };
 
-// Signature, IHDR, one IDAT and IEND; every row with the Up filter. False (out empty) for a
+// Signature, IHDR, one IDAT and IEND; every row with the Up filter, or every row with Paeth
+// where that is smaller on a sample of rows (real terrain; Up suits smooth grids and is
+// undone far faster). False (out empty) for a
 // zero width or height or a failed allocation. `used`, when given, receives the deflate chosen.
 // quick: libdeflate's level 1 instead of 2 for matches (twice as fast, about 3 % larger).
 bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
