@@ -9,8 +9,10 @@
 
 #include <gtest/gtest.h>
 #include <png.h>
+#include <zlib.h>
 
 #include "qzsse/storage/detail/PngGrey8Direct.h"
+#include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "storage/StorageTestUtil.h"
 
 using namespace qzsse::storagetest;
@@ -153,7 +155,55 @@ Bytes ThroughLibpng(const Bytes& file, unsigned& width, unsigned& height)
     return pixels;
 }
 
+void AppendBytes(png_structp png, png_bytep data, size_t n)
+{
+    auto* out = static_cast<Bytes*>(png_get_io_ptr(png));
+    out->insert(out->end(), data, data + n);
+}
+
+// libpng with Paeth rows and zlib's run-length deflate: the payloads stores held before.
+Bytes LibpngPaethRuns(const unsigned char* pixels, unsigned width, unsigned height)
+{
+    Bytes out;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_set_write_fn(png, &out, AppendBytes, [](png_structp) {});
+    png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_GRAY, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_PAETH);
+    png_set_compression_strategy(png, Z_RLE);
+    png_write_info(png, info);
+    for (unsigned y = 0; y < height; ++y)
+        png_write_row(png, pixels + static_cast<size_t>(y) * width);
+    png_write_end(png, info);
+    png_destroy_write_struct(&png, &info);
+    return out;
+}
+
 } // namespace
+
+TEST(PngDirect, PassesOfTheRealDemAreNoLargerThanLibpngPaethRuns)
+{
+    // The DEM's first pass and the residual a second pass codes at the bound 0.5.
+    RbStreamWriteBinaryBuffer descriptions;
+    CodecAccess dem(JacksboroHeights());
+    const auto q = dem.createAndEncodeQuantizer(false, descriptions);
+    const RbArray<unsigned char> first = dem.quantize(*q);
+    CodecAccess firstValues;
+    firstValues.Create(dem.GetSizeX(), dem.GetSizeY());
+    firstValues.deQuantize(*q, first);
+    CodecAccess residual(dem);
+    residual.SubMatrix(firstValues);
+    residual.GetCompressionParameters().m_fMaxAbsError = 0.5f;
+    const RbArray<unsigned char> second = residual.quantize(*residual.createAndEncodeQuantizer(false, descriptions));
+    const unsigned width = static_cast<unsigned>(dem.GetSizeX()), height = static_cast<unsigned>(dem.GetSizeY());
+    for (const RbArray<unsigned char>* codes : {&first, &second}) {
+        Bytes ours;
+        ASSERT_TRUE(qzsse::detail::WritePngGrey8Direct(codes->GetData(), width, height, ours));
+        EXPECT_LE(ours.size(), LibpngPaethRuns(codes->GetData(), width, height).size());
+        EXPECT_EQ(Direct(ours).pixels, Bytes(codes->begin(), codes->end()));
+    }
+}
 
 TEST(PngDirect, ReadsEveryRowFilterOfOneIdatAndLeavesOtherLayoutsToLibpng)
 {
