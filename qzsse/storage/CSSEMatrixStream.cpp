@@ -359,7 +359,8 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
                            _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
     }
     const bool allUniform = std::all_of(passes.begin(), passes.end(), [](const ReadPass& p) {
-        return typeid(*p.q) == typeid(RyFloatingPointQuantizationUniform);
+        const RyFloatingPointQuantization& q = *p.q;
+        return typeid(q) == typeid(RyFloatingPointQuantizationUniform);
     });
     // Without invalid values nothing settles: plain sums.
     const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
