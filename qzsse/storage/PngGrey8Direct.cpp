@@ -97,10 +97,9 @@ size_t deflateMatches(const unsigned char* in, size_t size, unsigned char* out, 
 
 size_t deflateMatchesBound(size_t size)
 {
-    // The bound does not depend on the compressor (NULL is allowed since libdeflate 1.13,
-    // but one is cheap to make and keeps older versions working).
-    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> c(libdeflate_alloc_compressor(c_matchLevel));
-    return c ? libdeflate_zlib_compress_bound(c.get(), size) : 0;
+    // The bound does not depend on the compressor's level (a null one asks for that, since
+    // libdeflate 1.13).
+    return libdeflate_zlib_compress_bound(nullptr, size);
 }
 
 // A zlib stream of in with Huffman codes only: on rows of residual noise smaller than
@@ -134,17 +133,16 @@ size_t deflateLiterals(const unsigned char* in, size_t size, unsigned char* out,
 
 size_t deflateLiteralsBound(size_t size)
 {
-    z_stream z{};
-    if (deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15, 8, Z_HUFFMAN_ONLY) != Z_OK)
-        return 0;
-    const size_t bound = deflateBound(&z, static_cast<uLong>(size));
-    deflateEnd(&z);
-    return bound;
+    // Without a stream, zlib's bound holds for any of its settings.
+    return deflateBound(nullptr, static_cast<uLong>(size));
 }
 
 struct PngEncoding {
     unsigned char filter;
     PngDeflate deflate;
+    // When the sample was the whole image: its IDAT stream, already made.
+    std::unique_ptr<unsigned char[]> stream;
+    size_t streamBytes = 0;
 };
 
 // The smallest of Up and Paeth rows, each with both deflates, on a band of rows in the
@@ -163,8 +161,9 @@ PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t hei
     const size_t capacity = std::max(deflateMatchesBound(bytes), deflateLiteralsBound(bytes));
     std::unique_ptr<unsigned char[]> sample(new (std::nothrow) unsigned char[bytes]);
     std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[capacity]);
-    PngEncoding best{c_filterUp, PngDeflate::Matches};
-    if (!sample || !scratch)
+    std::unique_ptr<unsigned char[]> kept(new (std::nothrow) unsigned char[capacity]);
+    PngEncoding best{c_filterUp, PngDeflate::Matches, nullptr, 0};
+    if (!sample || !scratch || !kept)
         return best;
     size_t smallest = std::numeric_limits<size_t>::max();
     for (const unsigned char filter : {c_filterUp, c_filterPaeth}) {
@@ -175,9 +174,15 @@ PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t hei
                                     : deflateMatches(sample.get(), bytes, scratch.get(), capacity, level);
             if (size != 0 && size < smallest) {
                 smallest = size;
-                best = {filter, deflate};
+                best.filter = filter;
+                best.deflate = deflate;
+                std::swap(scratch, kept);
             }
         }
+    }
+    if (rows == height && smallest != std::numeric_limits<size_t>::max()) {
+        best.stream = std::move(kept);
+        best.streamBytes = smallest;
     }
     return best;
 }
@@ -266,26 +271,28 @@ bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsign
         return false;
     const size_t rowBytes = static_cast<size_t>(width) + 1;
     const size_t filteredBytes = rowBytes * height;
-    const PngEncoding encoding = chooseEncoding(pixels, width, height, level);
-    const PngDeflate method = encoding.deflate;
-    std::unique_ptr<unsigned char[]> filtered(new (std::nothrow) unsigned char[filteredBytes]);
-    if (!filtered)
-        return false;
-    filterRows(pixels, width, 0, height, encoding.filter, filtered.get());
-
-    const size_t bound = method == PngDeflate::Literals ? deflateLiteralsBound(filteredBytes) : deflateMatchesBound(filteredBytes);
-    if (bound == 0)
-        return false;
-    // Only the pages the deflate writes are touched; the bound is far above what it needs.
-    std::unique_ptr<unsigned char[]> stream(new (std::nothrow) unsigned char[bound]);
-    if (!stream)
-        return false;
-    const size_t deflated = method == PngDeflate::Literals
-                                ? deflateLiterals(filtered.get(), filteredBytes, stream.get(), bound)
-                                : deflateMatches(filtered.get(), filteredBytes, stream.get(), bound, level);
+    PngEncoding encoding = chooseEncoding(pixels, width, height, level);
+    std::unique_ptr<unsigned char[]> stream = std::move(encoding.stream);
+    size_t deflated = encoding.streamBytes;
+    if (!stream) {
+        std::unique_ptr<unsigned char[]> filtered(new (std::nothrow) unsigned char[filteredBytes]);
+        if (!filtered)
+            return false;
+        filterRows(pixels, width, 0, height, encoding.filter, filtered.get());
+        const size_t bound = encoding.deflate == PngDeflate::Literals ? deflateLiteralsBound(filteredBytes)
+                                                                      : deflateMatchesBound(filteredBytes);
+        if (bound == 0)
+            return false;
+        // Only the pages the deflate writes are touched; the bound is far above what it needs.
+        stream.reset(new (std::nothrow) unsigned char[bound]);
+        if (!stream)
+            return false;
+        deflated = encoding.deflate == PngDeflate::Literals
+                       ? deflateLiterals(filtered.get(), filteredBytes, stream.get(), bound)
+                       : deflateMatches(filtered.get(), filteredBytes, stream.get(), bound, level);
+    }
     if (deflated == 0 || deflated > c_maxPngDimension)
         return false;
-    filtered.reset();
     // Signature, IHDR chunk, IDAT header, IDAT CRC, IEND chunk.
     constexpr size_t before = 8 + 25 + 8;
     constexpr size_t after = 4 + 12;
@@ -316,7 +323,7 @@ bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsign
     p = appendChunkHeader(p, 0, "IEND");
     p = closeChunk(chunk + 4, 0);
     if (used)
-        *used = method;
+        *used = encoding.deflate;
     return true;
 }
 
