@@ -4,7 +4,8 @@
 # Boost.Geometry their independent point-in-polygon test, LERC the storage benchmark's peer,
 # CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer,
 # OpenCV (with its contrib modules, for thinning) the matrix filters' oracle and benchmark peer,
-# clang the second compiler CI builds with, Clipper the polygon booleans and offsets).
+# clang the second compiler CI builds with, Clipper the polygon booleans and offsets,
+# libdeflate and zlib the direct PNG payloads of the matrix passes).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -18,6 +19,8 @@ packages=(
   libgmock-dev
   libbenchmark-dev
   libpng-dev
+  libdeflate-dev
+  zlib1g-dev
   libjpeg62-turbo-dev
   libtiff-dev
   pngcheck

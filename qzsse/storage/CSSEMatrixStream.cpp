@@ -2,12 +2,14 @@
 // 8-bit image codecs, and the two-level bit plane.
 
 #include <algorithm>
+#include <cstring>
 #include <cmath>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 #include <xmmintrin.h>
@@ -23,6 +25,7 @@
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
 #include "qzsse/storage/detail/PassDecoding.h"
+#include "qzsse/storage/detail/PngGrey8Direct.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
@@ -32,6 +35,9 @@ namespace {
 constexpr int kMaxStreamHeight = 4 * CSSEMatrix::c_iMaxFields * CSSEMatrix::c_iLinesPerField - 1;
 // The pass index of the format is an 8-bit counter.
 constexpr unsigned int kMaxPasses = 255;
+// Entries of up to this many passes are read whole and summed in one sweep; the codes of
+// every pass are then held at once.
+constexpr unsigned int kMaxSweptPasses = 4;
 // Raw floats move through a buffer of this many bytes (a multiple of one 16-byte vector).
 constexpr size_t kRawChunkBytes = 64 * 1024;
 
@@ -196,6 +202,247 @@ void applyPass(CSSEMatrix& acc, CSSEMatrix& settled, const CSSEMatrix* image, un
     }
 }
 
+// The 256 values a quantiser gives back (Unmap depends on the code alone).
+struct CodeValues {
+    float values[256];
+    explicit CodeValues(const RyFloatingPointQuantization& q)
+    {
+        for (unsigned long c = 0; c < 256; ++c)
+            values[c] = q.Unmap(c);
+    }
+};
+
+// applyPass for a pass image of acc's size given by its codes (rows of width bytes), without
+// forming the image: it holds values[code] in the real part and 0 in the padding, as a
+// de-quantised matrix does. settled null means that nothing is settled yet and that this pass
+// settles nothing (it has no invalid value). Fresh: acc is all zeros, whatever its storage
+// holds, so it is written and not read.
+template <bool Subtract, bool Fresh, bool WithSettled>
+void applyPassCodesAs(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* codes, const CodeValues& table,
+                      bool hasInvalid, float invalid)
+{
+    const float* values = table.values;
+    const __m128 zero = _mm_setzero_ps();
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 inv = _mm_set1_ps(invalid);
+    const __m128 invIsNaN = _mm_cmpunord_ps(inv, inv);
+    const __m128 checkInvalid = hasInvalid ? _mm_cmpeq_ps(zero, zero) : zero;
+    const int width = acc.GetSizeX();
+    const int height = acc.GetSizeY();
+    const size_t stride = static_cast<size_t>(width);
+    __m128** a = acc.GetMatrixDataDirectly();
+    __m128** m = WithSettled ? settled->GetMatrixDataDirectly() : nullptr;
+
+    const auto combine = [&](int j, int x, __m128 tv) {
+        const __m128 before = Fresh ? zero : a[j][x];
+        const __m128 updated = Subtract ? _mm_sub_ps(before, tv) : _mm_add_ps(before, tv);
+        if constexpr (WithSettled) {
+            const __m128 open = _mm_cmpeq_ps(m[j][x], zero);
+            a[j][x] = select(open, updated, before);
+            m[j][x] = select(_mm_and_ps(equalsInvalid(tv, inv, invIsNaN), checkInvalid), one, m[j][x]);
+        } else {
+            a[j][x] = updated;
+        }
+    };
+
+    for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+        const int rows = std::clamp(height - 4 * j, 0, 4);
+        const unsigned char* row = codes + static_cast<size_t>(4 * j) * stride;
+        int x = 0;
+        if (rows == 4) {
+            for (; x < width; ++x)
+                combine(j, x, _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
+                                          values[row[3 * stride + x]]));
+        } else if (rows > 0) {
+            for (; x < width; ++x) {
+                alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+                for (int r = 0; r < rows; ++r)
+                    lanes[r] = values[row[static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                combine(j, x, _mm_load_ps(lanes));
+            }
+        }
+        for (; x < acc.GetSSESizeX(); ++x)
+            combine(j, x, zero);
+    }
+}
+
+void applyPassCodes(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* codes, const CodeValues& table,
+                    bool hasInvalid, float invalid, bool subtract, bool fresh)
+{
+    if (settled) {
+        if (subtract)
+            applyPassCodesAs<true, false, true>(acc, settled, codes, table, hasInvalid, invalid);
+        else if (fresh)
+            applyPassCodesAs<false, true, true>(acc, settled, codes, table, hasInvalid, invalid);
+        else
+            applyPassCodesAs<false, false, true>(acc, settled, codes, table, hasInvalid, invalid);
+    } else {
+        if (subtract)
+            applyPassCodesAs<true, false, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+        else if (fresh)
+            applyPassCodesAs<false, true, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+        else
+            applyPassCodesAs<false, false, false>(acc, nullptr, codes, table, hasInvalid, invalid);
+    }
+}
+
+// A pass as the reader has it before applying it.
+struct ReadPass {
+    std::unique_ptr<RyFloatingPointQuantization> q;
+    bool hasInvalid = false;
+    float invalid = 0.0f;
+    std::vector<unsigned char> codes;
+    unsigned int width = 0;
+    unsigned int height = 0;
+};
+
+struct PassLookup {
+    CodeValues table;
+    const unsigned char* codes;
+    __m128 invalid, invalidIsNaN, checkInvalid;
+    __m128 min, factor;   // of a uniform quantiser
+};
+
+// Four code rows of 16 columns each as the values of the plain uniform quantiser,
+// min + code / factor (its Unmap, the same operations lane by lane), summed over the passes
+// into 16 band vectors. Returns the first column not done.
+int sumUniformBlocks(__m128* band, const PassLookup* lookups, size_t passCount, size_t first, size_t stride,
+                     int width)
+{
+    const __m128i zero = _mm_setzero_si128();
+    int x = 0;
+    for (; x + 16 <= width; x += 16) {
+        __m128 sum[16];
+        for (__m128& v : sum)
+            v = _mm_setzero_ps();
+        for (size_t k = 0; k < passCount; ++k) {
+            const PassLookup& l = lookups[k];
+            __m128 values[4][4];   // [row][group of four columns]
+            for (int r = 0; r < 4; ++r) {
+                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(
+                    l.codes + first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)));
+                const __m128i low = _mm_unpacklo_epi8(bytes, zero);
+                const __m128i high = _mm_unpackhi_epi8(bytes, zero);
+                const __m128i words[4] = {_mm_unpacklo_epi16(low, zero), _mm_unpackhi_epi16(low, zero),
+                                          _mm_unpacklo_epi16(high, zero), _mm_unpackhi_epi16(high, zero)};
+                for (int g = 0; g < 4; ++g)
+                    values[r][g] = _mm_add_ps(l.min, _mm_div_ps(_mm_cvtepi32_ps(words[g]), l.factor));
+            }
+            for (int g = 0; g < 4; ++g) {
+                __m128 c0 = values[0][g], c1 = values[1][g], c2 = values[2][g], c3 = values[3][g];
+                _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
+                sum[4 * g] = _mm_add_ps(sum[4 * g], c0);
+                sum[4 * g + 1] = _mm_add_ps(sum[4 * g + 1], c1);
+                sum[4 * g + 2] = _mm_add_ps(sum[4 * g + 2], c2);
+                sum[4 * g + 3] = _mm_add_ps(sum[4 * g + 3], c3);
+            }
+        }
+        for (int i = 0; i < 16; ++i)
+            band[x + i] = sum[i];
+    }
+    return x;
+}
+
+// The passes applied one after the other from a zero matrix (applyPass) in one sweep over
+// acc, when every pass image has acc's size: each lane sums its passes until one settles it,
+// so no settled mask and no intermediate sum is stored. acc is written, not read.
+void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
+{
+    std::vector<PassLookup> lookups;
+    lookups.reserve(passes.size());
+    for (const ReadPass& p : passes) {
+        const __m128 inv = _mm_set1_ps(p.invalid);
+        const auto* uniform = dynamic_cast<const RyFloatingPointQuantizationUniform*>(p.q.get());
+        lookups.push_back({CodeValues(*p.q), p.codes.data(), inv, _mm_cmpunord_ps(inv, inv),
+                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0)),
+                           _mm_set1_ps(uniform ? uniform->GetMin() : 0.0f),
+                           _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
+    }
+    const bool allUniform = std::all_of(passes.begin(), passes.end(), [](const ReadPass& p) {
+        const RyFloatingPointQuantization& q = *p.q;
+        return typeid(q) == typeid(RyFloatingPointQuantizationUniform);
+    });
+    // Without invalid values nothing settles: plain sums.
+    const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
+    const __m128 zero = _mm_setzero_ps();
+    const int width = acc.GetSizeX();
+    const int height = acc.GetSizeY();
+    const size_t stride = static_cast<size_t>(width);
+    __m128** a = acc.GetMatrixDataDirectly();
+    for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+        const int rows = std::clamp(height - 4 * j, 0, 4);
+        const size_t first = static_cast<size_t>(4 * j) * stride;
+        int x = 0;
+        if (rows == 4 && !anyInvalid) {
+            if (allUniform)
+                x = sumUniformBlocks(a[j], lookups.data(), lookups.size(), first, stride, width);
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                for (const PassLookup& l : lookups) {
+                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const float* v = l.table.values;
+                    sum = _mm_add_ps(sum, _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]));
+                }
+                a[j][x] = sum;
+            }
+        } else if (rows == 4) {
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                __m128 settled = zero;
+                for (const PassLookup& l : lookups) {
+                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const float* v = l.table.values;
+                    const __m128 tv = _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]);
+                    sum = select(settled, sum, _mm_add_ps(sum, tv));
+                    settled = _mm_or_ps(settled, _mm_and_ps(equalsInvalid(tv, l.invalid, l.invalidIsNaN), l.checkInvalid));
+                }
+                a[j][x] = sum;
+            }
+        } else if (rows > 0) {
+            for (; x < width; ++x) {
+                __m128 sum = zero;
+                __m128 settled = zero;
+                for (const PassLookup& l : lookups) {
+                    alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+                    for (int r = 0; r < rows; ++r)
+                        lanes[r] = l.table.values[l.codes[first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                    const __m128 tv = _mm_load_ps(lanes);
+                    sum = select(settled, sum, _mm_add_ps(sum, tv));
+                    settled = _mm_or_ps(settled, _mm_and_ps(equalsInvalid(tv, l.invalid, l.invalidIsNaN), l.checkInvalid));
+                }
+                a[j][x] = sum;
+            }
+        }
+        // Padding: every pass adds 0 to +0.
+        for (; x < acc.GetSSESizeX(); ++x)
+            a[j][x] = zero;
+    }
+}
+
+// The 8-bit codes of an encoded image on the stream, as CSSEMatrix::decode(stream, 8, ...)
+// gives them, but kept in the decoder's buffer instead of copied.
+std::vector<unsigned char> readPassCodes(RbStreamReadBinary& stream, unsigned int& width, unsigned int& height)
+{
+    width = 0;
+    height = 0;
+    const CString file = stream.ReadString();
+    DecodedImage image = DecodeImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
+    if (image.width == 0 || image.height == 0 || !DecodedSizeAllowed(image.width, image.height, 8, image.maxBytes))
+        return {};
+    width = image.width;
+    height = image.height;
+    if (image.pixels.empty() || image.bitsPerPixel > 8)
+        return {};
+    if (image.bitsPerPixel == 8)
+        return std::move(image.pixels);
+    // Narrower frames keep their own rows, each at the start of a row of width bytes.
+    const size_t frameStride = (static_cast<size_t>(image.width) * image.bitsPerPixel + 7) / 8;
+    std::vector<unsigned char> codes(static_cast<size_t>(image.width) * image.height, 0);
+    for (size_t y = 0; y < image.height; ++y)
+        std::memcpy(codes.data() + y * image.width, image.pixels.data() + y * frameStride, frameStride);
+    return codes;
+}
+
 // Sizes the matrix for a decoded pass image. False when the codes do not fill an image of
 // that size (a failed decode): de-quantizing would leave the image at zero then, which
 // applyPass reproduces without allocating it.
@@ -228,6 +475,22 @@ bool pngPassReadable(size_t pngBytes, unsigned width, unsigned height)
     return DecodedSizeAllowed(width, height, 8, maxBytes);
 }
 
+// The counted PNG file of a pass's codes, as CSSEMatrix::encode writes it (nothing on a codec
+// failure), with libdeflate's quicker level when `quick`; returns the file's size.
+size_t writePngPass(const RbArray<unsigned char>& codes, unsigned width, unsigned height, bool quick,
+                    RbStreamWriteBinary& pass)
+{
+    if (static_cast<unsigned long long>(codes.GetSize()) < static_cast<unsigned long long>(width) * height)
+        return 0;
+    std::vector<unsigned char> file;
+    if (!WritePngGrey8Direct(codes.GetData(), width, height, file, nullptr, quick)
+        || file.size() > std::numeric_limits<unsigned int>::max())
+        return 0;
+    pass.WriteUInt32(static_cast<unsigned int>(file.size()));
+    pass.WriteBuffer(file.data(), file.size());
+    return file.size();
+}
+
 [[noreturn]] void throwCodecWroteNothing(const char* what)
 {
     throw std::runtime_error(std::string("CSSEMatrix::Serialize: the image codec produced no ") + what
@@ -254,8 +517,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
     if (passCoded) {
         const unsigned int passes = own.m_uiNumberOfPasses;
         CSSEMatrix residual(*this);
+        // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
-        settled.Create(m_SizeX, m_SizeY);
         qzsse::detail::SettledStairs failedPasses;
         for (unsigned int k = 0; k < passes; ++k) {
             // Intermediate passes code as finely as they can; only the last one applies
@@ -276,18 +539,16 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             bool writtenReadable = false;
             if (method == 1 || (method == 3 && k > 0)) {
                 residual.encodeJPEG(pass);
-            } else if (qzsse::detail::g_bDirectPassDecoding) {
-                residual.encodePNG(pass);
             } else {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     residual.createAndEncodeQuantizer(params.m_bUseInvalidValue, pass);
-                const size_t headerBytes = pass.GetSize();
                 written = residual.quantize(*used);
-                residual.encode(written, pass, qzsse::ImageContainer::Png, 8, nullptr);
-                // The count of 4 bytes precedes the PNG file.
-                writtenReadable = pass.GetSize() > headerBytes + 4
-                                  && qzsse::detail::pngPassReadable(pass.GetSize() - headerBytes - 4,
-                                                                    static_cast<unsigned>(m_SizeX),
+                // A PNG pass that a later PNG pass refines takes the quicker deflate.
+                const size_t pngBytes = qzsse::detail::writePngPass(written, static_cast<unsigned>(m_SizeX),
+                                                                    static_cast<unsigned>(m_SizeY), method == 2 && k + 1 != passes,
+                                                                    pass);
+                writtenReadable = !qzsse::detail::g_bDirectPassDecoding && pngBytes > 0
+                                  && qzsse::detail::pngPassReadable(pngBytes, static_cast<unsigned>(m_SizeX),
                                                                     static_cast<unsigned>(m_SizeY));
             }
 
@@ -312,12 +573,23 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             } catch (const RbStreamException&) {
                 qzsse::detail::throwCodecWroteNothing("pass image");
             }
-            CSSEMatrix image;
-            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
-            if (decoded)
-                image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, true,
-                                     failedPasses);
+            if (hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+                settled.Create(m_SizeX, m_SizeY);
+            if (w == static_cast<unsigned>(m_SizeX) && h == static_cast<unsigned>(m_SizeY)
+                && static_cast<unsigned long long>(codes.GetSize()) == static_cast<unsigned long long>(w) * h) {
+                qzsse::detail::applyPassCodes(residual, settled.GetMatrixDataDirectly() ? &settled : nullptr,
+                                              codes.GetData(), qzsse::detail::CodeValues(*q), hasInvalid, invalid,
+                                              true, false);
+            } else {
+                if (settled.GetMatrixDataDirectly() == nullptr)
+                    settled.Create(m_SizeX, m_SizeY);
+                CSSEMatrix image;
+                const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
+                if (decoded)
+                    image.deQuantize(*q, codes);
+                qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid,
+                                         true, failedPasses);
+            }
             payload.WriteBuffer(pass.GetData(), pass.GetSize());
         }
         error = qzsse::detail::maxAbsValue(residual);
@@ -385,7 +657,12 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
     qzsse::detail::checkStreamSize(stream, width, height, method, passes);
 
     const bool created = m_Data == nullptr || width != m_SizeX || height != m_SizeY;
-    if (created)
+    const bool passCoded = method >= 1 && method <= 3;
+    // A pass-coded matrix starts at zero; its first full-size pass writes every element
+    // without reading them, so the zeros are only stored when another pass comes first.
+    if (created && passCoded && passes > 0)
+        CreateNoClear(width, height);
+    else if (created)
         Create(width, height);
     m_CompressionParameters.m_eMethod = method;
 
@@ -393,32 +670,83 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
         // A version-0 stream holds no pixels: its matrix is 0 x 0, so there is nothing to set.
         if (version >= 1)
             qzsse::detail::readRawFloats(*this, stream);
-    } else if (method >= 1 && method <= 3) {
+    } else if (passCoded) {
         m_CompressionParameters.m_uiNumberOfPasses = passes;
-        if (!created)
-            Fill(0.0f);
-        // Without passes nothing is settled: no mask to allocate.
-        CSSEMatrix settled;
-        if (passes > 0)
-            settled.Create(m_SizeX, m_SizeY);
-        qzsse::detail::SettledStairs failedPasses;
-        for (unsigned int k = 0; k < passes; ++k) {
-            bool hasInvalid = false;
-            float invalid = 0.0f;
-            unsigned int w = 0;
-            unsigned int h = 0;
-            const std::unique_ptr<RyFloatingPointQuantization> q = createQuantizer(stream, version, hasInvalid, invalid);
-            const RbArray<unsigned char> codes = decode(stream, 8, w, h);
-            CSSEMatrix image;
-            // The writer's own pass images have its matrix's size; a reader's are bounded too.
-            if (codes.GetSize() > 0)
-                qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", w, h, stream.GetOffset());
-            const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
-            if (decoded)
-                image.deQuantize(*q, codes);
-            qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid, false,
-                                     failedPasses);
+        bool fresh = true;
+        // A stream that breaks off before the first pass was applied leaves zeros, not
+        // whatever the new storage held.
+        try {
+            const auto readPass = [&](qzsse::detail::ReadPass& p) {
+                p.q = createQuantizer(stream, version, p.hasInvalid, p.invalid);
+                p.codes = qzsse::detail::readPassCodes(stream, p.width, p.height);
+                // The writer's own pass images have its matrix's size; a reader's are bounded too.
+                if (!p.codes.empty())
+                    qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", p.width, p.height,
+                                                              stream.GetOffset());
+                return p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
+                       && static_cast<unsigned long long>(p.codes.size())
+                              == static_cast<unsigned long long>(p.width) * p.height;
+            };
+            // Pass by pass, settled elements marked in a matrix.
+            CSSEMatrix settled;
+            qzsse::detail::SettledStairs failedPasses;
+            const auto applyOne = [&](qzsse::detail::ReadPass& p, bool fullSize) {
+                if (p.hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+                    settled.Create(m_SizeX, m_SizeY);
+                if (fullSize) {
+                    qzsse::detail::applyPassCodes(*this, settled.GetMatrixDataDirectly() ? &settled : nullptr,
+                                                  p.codes.data(), qzsse::detail::CodeValues(*p.q), p.hasInvalid,
+                                                  p.invalid, false, fresh);
+                } else {
+                    if (fresh)
+                        Fill(0.0f);
+                    if (settled.GetMatrixDataDirectly() == nullptr)
+                        settled.Create(m_SizeX, m_SizeY);
+                    RbArray<unsigned char> kept;
+                    kept.SetSize(static_cast<std::ptrdiff_t>(p.codes.size()));
+                    if (!p.codes.empty())
+                        std::memcpy(kept.GetData(), p.codes.data(), p.codes.size());
+                    std::vector<unsigned char>().swap(p.codes);
+                    CSSEMatrix image;
+                    const bool decoded = qzsse::detail::preparePassImage(kept, p.width, p.height, image);
+                    if (decoded)
+                        image.deQuantize(*p.q, kept);
+                    qzsse::detail::applyPass(*this, settled, decoded ? &image : nullptr, p.width, p.height,
+                                             p.hasInvalid, p.invalid, false, failedPasses);
+                }
+                fresh = false;
+            };
+
+            if (passes <= qzsse::detail::kMaxSweptPasses) {
+                // Read first (their decoded sizes are bounded by their bytes), so that full-size
+                // passes are summed in one sweep.
+                std::vector<qzsse::detail::ReadPass> read(passes);
+                std::vector<char> fullSize(passes);
+                for (unsigned int k = 0; k < passes; ++k)
+                    fullSize[k] = readPass(read[k]);
+                if (passes > 0 && std::all_of(fullSize.begin(), fullSize.end(), [](char f) { return f != 0; })) {
+                    qzsse::detail::sumFullSizePasses(*this, read);
+                    fresh = false;
+                } else {
+                    for (unsigned int k = 0; k < passes; ++k)
+                        applyOne(read[k], fullSize[k] != 0);
+                }
+            } else {
+                // Longer entries keep one pass in memory at a time.
+                for (unsigned int k = 0; k < passes; ++k) {
+                    qzsse::detail::ReadPass p;
+                    const bool full = readPass(p);
+                    applyOne(p, full);
+                }
+            }
+        } catch (...) {
+            if (fresh)
+                Fill(0.0f);
+            throw;
         }
+        // Without passes: zero, as a new matrix already is.
+        if (fresh && !created)
+            Fill(0.0f);
     } else if (method == 4) {
         decodeCCIT4(stream);
     }

@@ -70,6 +70,7 @@ struct Pass {
     float min, max, factor;
     bool withInvalid;
     Bytes image;
+    float invalid = 0.0f;
 };
 
 std::vector<Pass> ParsePasses(const Bytes& b)
@@ -78,6 +79,8 @@ std::vector<Pass> ParsePasses(const Bytes& b)
     size_t at = 17;
     for (Pass& p : passes) {
         p = {FloatAt(b, at), FloatAt(b, at + 4), FloatAt(b, at + 8), b.at(at + 12) != 0, {}};
+        if (p.withInvalid)
+            p.invalid = FloatAt(b, at + 13);
         at += p.withInvalid ? 17 : 13;
         const size_t n = U32At(b, at);
         p.image.assign(b.begin() + static_cast<std::ptrdiff_t>(at + 4), b.begin() + static_cast<std::ptrdiff_t>(at + 4 + n));
@@ -334,6 +337,54 @@ TEST(MatrixStreamPasses, ReusingTheCodesOfPngPassesWritesWhatDecodingThemWrites)
                 }
     }
     qzsse::SetReaderLimits({});
+}
+
+// The reader's sum, element by element from the stream's own fields: each pass adds
+// min + code / factor (the invalid value for code 255 of a pass that has one) until a pass
+// brings the invalid value.
+TEST(MatrixStreamPasses, ReaderSumsThePassesAsTheFormatSaysIntoNewAndUsedMatrices)
+{
+    for (const float invalid : {0.0f, -9.5f, kNaN}) {   // 0: no invalid value in use
+        // Blocks of 16 columns, a tail and a last band of three rows.
+        CSSEMatrix surface = Surface(37, 11, 9);
+        for (int y = 0; y < 11; ++y)
+            for (int x = 0; x < 37; ++x)
+                if (invalid != 0.0f && (x + 2 * y) % 7 == 0)
+                    surface.SetPointUnsafe(x, y, invalid);
+        surface.GetCompressionParameters().m_bUseInvalidValue = invalid != 0.0f;
+        surface.GetCompressionParameters().m_fInvalidValue = invalid;
+        for (int method : {2, 3})
+            for (unsigned passes : {1u, 2u, 3u, 6u})   // 6: read and summed pass by pass
+                for (float bound : {0.0f, 0.5f}) {
+                    const Bytes bytes = StreamBytes(Coded(surface, method, passes, bound));
+                    std::vector<float> expected(37 * 11, 0.0f);
+                    std::vector<bool> settled(expected.size(), false);
+                    for (const Pass& p : ParsePasses(bytes)) {
+                        const qzsse::detail::DecodedImage codes =
+                            qzsse::detail::DecodeImage(p.image.data(), p.image.size());
+                        ASSERT_EQ(codes.pixels.size(), expected.size());
+                        for (size_t i = 0; i < expected.size(); ++i) {
+                            const unsigned code = codes.pixels[i];
+                            const float t = p.withInvalid && code == 255 ? p.invalid
+                                                                         : p.min + static_cast<float>(code) / p.factor;
+                            if (!settled[i])
+                                expected[i] += t;
+                            if (p.withInvalid && SameValue(t, p.invalid))
+                                settled[i] = true;
+                        }
+                    }
+                    CSSEMatrix used = MatrixOf(37, 11, [](int, int) { return kNaN; });
+                    CSSEMatrix fresh;
+                    for (CSSEMatrix* back : {&used, &fresh}) {
+                        ReadStream(*back, bytes);
+                        const std::vector<float> got = Pixels(*back);
+                        for (size_t i = 0; i < expected.size(); ++i)
+                            ASSERT_TRUE(SameValue(got[i], expected[i]) && std::signbit(got[i]) == std::signbit(expected[i]))
+                                << invalid << " " << method << " " << passes << " " << bound << " at " << i << ": "
+                                << got[i] << " vs " << expected[i];
+                    }
+                }
+    }
 }
 
 TEST(MatrixStreamTwoLevel, CodesTheMeanOfTheValidElementsAndTheInvalidPlane)

@@ -1,0 +1,31 @@
+#pragma once
+
+// The 8-bit grey PNGs of the matrix passes, written and read without libpng: they are the
+// bulk of an entry's time, and the whole-buffer deflate and inflate of libdeflate with a
+// vectorised row filter are several times faster than libpng's row-by-row path.
+
+#include <cstddef>
+#include <vector>
+
+#include "qzsse/storage/detail/ImageCodecs.h"
+
+namespace qzsse::detail {
+
+// How the IDAT stream of a written PNG was deflated (chosen on a sample of rows).
+enum class PngDeflate { Matches, Literals };
+
+// Signature, IHDR, one IDAT and IEND; every row with the Up filter, or every row with Paeth
+// where that is smaller on a sample of rows (real terrain; Up suits smooth grids and is
+// undone far faster). False (out empty) for a
+// zero width or height or a failed allocation. `used`, when given, receives the deflate chosen.
+// quick: libdeflate's level 1 instead of 2 for matches (twice as fast, about 3 % larger).
+bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
+                         std::vector<unsigned char>& out, PngDeflate* used = nullptr, bool quick = false);
+
+// Reads a PNG of exactly IHDR (8-bit grey, not interlaced), one IDAT and IEND, with any row
+// filters, CRCs and Adler checksum verified, into image (rows of width bytes) when its size
+// is within image.maxBytes. False, image.pixels empty and the other fields as given, for
+// anything else: the general decoder then reads it, or refuses it.
+bool ReadSimplePngGrey8(const unsigned char* data, size_t size, DecodedImage& image);
+
+} // namespace qzsse::detail
