@@ -234,7 +234,7 @@ public:
     // not kept (empty after reading). Bit-exact for every float, NaN included.
     void Serialize(RbStreamWriteBinary& stream) const;
     // Untrusted bytes: a version newer than 1, a count the remaining bytes cannot hold or above
-    // qzsse::GetMeshReaderLimits().maxTriangles, or a neighbour index outside the mesh throws
+    // qzsse::GetReaderLimits().maxMeshTriangles, or a neighbour index outside the mesh throws
     // RbStreamException before this mesh changes. Reading into a default-constructed mesh
     // initialises it first.
     void Serialize(RbStreamReadBinary& stream);

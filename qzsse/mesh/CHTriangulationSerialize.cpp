@@ -11,6 +11,7 @@
 #include "qzsse/base/RyStreamWriteBinaryFile.h"
 #include "qzsse/mesh/CHTriangulation.h"
 #include "qzsse/mesh/MeshInterchange.h"
+#include "qzsse/storage/ReaderLimits.h"
 
 namespace {
 
@@ -78,7 +79,7 @@ void CHTriangulation::Serialize(RbStreamReadBinary& stream)
     const int n = stream.ReadInt32();
     if (n < 0)
         refuse(stream, "negative triangle count " + std::to_string(n));
-    const long long limit = qzsse::GetMeshReaderLimits().maxTriangles;
+    const long long limit = static_cast<long long>(qzsse::GetReaderLimits().maxMeshTriangles);
     if (n > limit)
         refuse(stream, std::to_string(n) + " triangles exceed the reader limit of " + std::to_string(limit));
     const std::optional<unsigned long long> remaining = stream.GetBytesRemaining();

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 #include <charconv>
 #include <climits>
@@ -16,11 +15,10 @@
 #include "qzsse/base/RbStreamException.h"
 #include "qzsse/mesh/CHTriangulation.h"
 #include "qzsse/mesh/detail/MeshFileReaders.h"
+#include "qzsse/storage/ReaderLimits.h"
 
 namespace qzsse {
 namespace {
-
-std::atomic<long long> g_maxTriangles{MeshReaderLimits::c_llDefaultMaxTriangles};
 
 using Key = std::array<std::uint32_t, 3>;
 
@@ -205,21 +203,6 @@ SSEPoint unitNormal(const SSEPoint& a, const SSEPoint& b, const SSEPoint& c)
 
 } // namespace
 
-void SetMeshReaderLimits(const MeshReaderLimits& limits)
-{
-    // Point indices are 32-bit: three points per triangle must stay countable.
-    constexpr long long c_llMostTriangles = INT32_MAX / 3;
-    g_maxTriangles = limits.maxTriangles <= 0 ? MeshReaderLimits::c_llDefaultMaxTriangles
-                                              : std::min(limits.maxTriangles, c_llMostTriangles);
-}
-
-MeshReaderLimits GetMeshReaderLimits()
-{
-    MeshReaderLimits limits;
-    limits.maxTriangles = g_maxTriangles;
-    return limits;
-}
-
 IndexedMesh ToIndexedMesh(const CHTriangulation& mesh)
 {
     IndexedMesh out;
@@ -323,7 +306,7 @@ MeshFileCounts WriteMeshFile(const CHTriangulation& mesh, const std::filesystem:
 void ReadMeshFromMemory(const void* data, size_t size, MeshFileFormat format, CHTriangulation& mesh)
 {
     const detail::MeshBytes bytes{static_cast<const unsigned char*>(data), size};
-    const long long limit = g_maxTriangles;
+    const auto limit = static_cast<long long>(GetReaderLimits().maxMeshTriangles);
     IndexedMesh indexed;
     switch (format) {
     case MeshFileFormat::PlyBinary:

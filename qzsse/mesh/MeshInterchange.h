@@ -15,21 +15,6 @@ class CHTriangulation;
 
 namespace qzsse {
 
-struct MeshReaderLimits {
-    // 2^22 triangles take about 1.4 GB as a CHTriangulation (336 bytes each), in line with
-    // the 512 MiB matrix the matrix readers admit by default.
-    static constexpr long long c_llDefaultMaxTriangles = 1ll << 22;
-
-    // Largest mesh a reader creates, in triangles; indexed files may hold three corner
-    // points per triangle at most.
-    long long maxTriangles = c_llDefaultMaxTriangles;
-};
-
-// Process-wide, for the readers on every thread; takes effect on the next read. A field of
-// 0 or below is taken as its default; maxTriangles is capped at INT32_MAX / 3.
-void SetMeshReaderLimits(const MeshReaderLimits& limits);
-MeshReaderLimits GetMeshReaderLimits();
-
 struct IndexedMesh {
     std::vector<float> positions;      // x, y, z of each corner point
     std::vector<std::int32_t> indices; // three per triangle, numbering the points from 0
@@ -75,7 +60,7 @@ MeshFileCounts WriteMeshFile(const CHTriangulation& mesh, const std::filesystem:
 // lines (v/vt/vn and negative indices allowed) and ignores the rest. Polygons of more than
 // three corners are split into a fan from their first corner. The mesh is made as by
 // FromIndexedMesh, file normals are not used. A count beyond what the remaining bytes can
-// hold or beyond GetMeshReaderLimits(), a bad index, a non-finite coordinate or a truncated
+// hold or beyond GetReaderLimits().maxMeshTriangles (qzsse/storage/ReaderLimits.h), a bad index, a non-finite coordinate or a truncated
 // or malformed file throws RbStreamException naming what and where, before mesh changes.
 void ReadMeshFromMemory(const void* data, size_t size, MeshFileFormat format, CHTriangulation& mesh);
 // Also throws RbStreamException when the file cannot be opened.

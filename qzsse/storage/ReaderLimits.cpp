@@ -1,6 +1,8 @@
 #include "qzsse/storage/ReaderLimits.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <string>
 
 #include "qzsse/base/RbStreamException.h"
@@ -11,6 +13,7 @@ namespace {
 
 std::atomic<unsigned long long> g_maxMatrixPixels{ReaderLimits::c_ullDefaultMaxMatrixPixels};
 std::atomic<unsigned long long> g_maxDecodedBytes{ReaderLimits::c_ullDefaultMaxDecodedBytes};
+std::atomic<unsigned long long> g_maxMeshTriangles{ReaderLimits::c_ullDefaultMaxMeshTriangles};
 
 } // namespace
 
@@ -18,6 +21,9 @@ void SetReaderLimits(const ReaderLimits& limits)
 {
     g_maxMatrixPixels = limits.maxMatrixPixels ? limits.maxMatrixPixels : ReaderLimits::c_ullDefaultMaxMatrixPixels;
     g_maxDecodedBytes = limits.maxDecodedBytes ? limits.maxDecodedBytes : ReaderLimits::c_ullDefaultMaxDecodedBytes;
+    constexpr unsigned long long c_ullMostTriangles = INT32_MAX / 3;
+    g_maxMeshTriangles = limits.maxMeshTriangles ? std::min(limits.maxMeshTriangles, c_ullMostTriangles)
+                                                 : ReaderLimits::c_ullDefaultMaxMeshTriangles;
 }
 
 ReaderLimits GetReaderLimits()
@@ -25,6 +31,7 @@ ReaderLimits GetReaderLimits()
     ReaderLimits limits;
     limits.maxMatrixPixels = g_maxMatrixPixels;
     limits.maxDecodedBytes = g_maxDecodedBytes;
+    limits.maxMeshTriangles = g_maxMeshTriangles;
     return limits;
 }
 

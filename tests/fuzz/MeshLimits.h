@@ -3,16 +3,16 @@
 // The mesh targets' reader limit: small, so that a mesh the fuzzer asks for costs
 // milliseconds; the checks are the same, only the number differs.
 
-#include "qzsse/mesh/MeshInterchange.h"
+#include "qzsse/storage/ReaderLimits.h"
 
 namespace qzsse::fuzz {
 
 inline void UseMeshFuzzLimits()
 {
     static const bool done = [] {
-        MeshReaderLimits limits;
-        limits.maxTriangles = 1 << 16;
-        SetMeshReaderLimits(limits);
+        ReaderLimits limits = GetReaderLimits();
+        limits.maxMeshTriangles = 1 << 16;
+        SetReaderLimits(limits);
         return true;
     }();
     (void)done;

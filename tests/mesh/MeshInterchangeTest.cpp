@@ -22,6 +22,7 @@
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/mesh/MeshInterchange.h"
+#include "qzsse/storage/ReaderLimits.h"
 
 namespace fs = std::filesystem;
 using namespace qzsse;
@@ -221,24 +222,24 @@ TEST(MeshInterchange, ReaderLimitBoundsTheTriangles)
 {
     CHTriangulation grid;
     makeGrid(grid, 4, 4, 5); // 32 triangles, 25 shared points
-    MeshReaderLimits limits;
-    limits.maxTriangles = 31;
-    SetMeshReaderLimits(limits);
+    ReaderLimits limits;
+    limits.maxMeshTriangles = 31;
+    SetReaderLimits(limits);
     for (const FormatCase& c : kFormats) {
         const std::string bytes = WriteMeshToString(grid, c.format);
         CHTriangulation mesh;
         EXPECT_THROW(ReadMeshFromMemory(bytes.data(), bytes.size(), c.format, mesh), RbStreamException)
             << static_cast<int>(c.format);
     }
-    limits.maxTriangles = 32;
-    SetMeshReaderLimits(limits);
+    limits.maxMeshTriangles = 32;
+    SetReaderLimits(limits);
     for (const FormatCase& c : kFormats) {
         const std::string bytes = WriteMeshToString(grid, c.format);
         CHTriangulation mesh;
         EXPECT_NO_THROW(ReadMeshFromMemory(bytes.data(), bytes.size(), c.format, mesh)) << static_cast<int>(c.format);
     }
-    SetMeshReaderLimits({});
-    EXPECT_EQ(GetMeshReaderLimits().maxTriangles, MeshReaderLimits::c_llDefaultMaxTriangles);
+    SetReaderLimits({});
+    EXPECT_EQ(GetReaderLimits().maxMeshTriangles, ReaderLimits::c_ullDefaultMaxMeshTriangles);
 }
 
 TEST(MeshInterchange, IndexedFormSharesBitEqualCornersOnly)
