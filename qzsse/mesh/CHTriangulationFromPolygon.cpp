@@ -1,30 +1,12 @@
-#include <cmath>
 #include <vector>
 
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/CHPolygonTriangulator.h"
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/detail/FaceNormal.h"
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
 namespace {
-
-SSEPoint faceNormal(const SSEPoint& a, const SSEPoint& b, const SSEPoint& c)
-{
-    const float sx = b.x - a.x, sy = b.y - a.y, sz = b.z - a.z;
-    const float tx = c.x - a.x, ty = c.y - a.y, tz = c.z - a.z;
-    SSEPoint n;
-    n.x = sy * tz - sz * ty;
-    n.y = sz * tx - sx * tz;
-    n.z = sx * ty - sy * tx;
-    n.w = 0.0f;
-    const float length = std::sqrt(n.x * n.x + n.y * n.y + n.z * n.z);
-    if (length > 0.0f) {
-        n.x = n.x / length;
-        n.y = n.y / length;
-        n.z = n.z / length;
-    }
-    return n;
-}
 
 SSEPoint pointOf(const CSSE3dPolygon& polygon, int i)
 {
@@ -45,10 +27,7 @@ void fill(CHTriangulation& mesh, const std::vector<SSEPoint>& corners)
         t_htriangle& t = records[i];
         for (int k = 0; k < 3; ++k)
             *t.pPoint[k] = corners[3 * static_cast<size_t>(i) + static_cast<size_t>(k)];
-        const SSEPoint normal = faceNormal(*t.pPoint[0], *t.pPoint[1], *t.pPoint[2]);
-        *t.pMainNormal = normal;
-        for (int k = 0; k < 3; ++k)
-            *t.pNormal[k] = normal;
+        qzsse::detail::SetFaceNormalEverywhere(t);
     }
     mesh.CalcSTV();
     mesh.CalcBoundingBox();

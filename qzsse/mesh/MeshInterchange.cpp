@@ -14,6 +14,7 @@
 
 #include "qzsse/base/RbStreamException.h"
 #include "qzsse/mesh/CHTriangulation.h"
+#include "qzsse/mesh/detail/FaceNormal.h"
 #include "qzsse/mesh/detail/MeshFileReaders.h"
 #include "qzsse/storage/ReaderLimits.h"
 
@@ -183,24 +184,6 @@ std::string writeStl(const CHTriangulation& mesh, bool binary, const std::string
     return out;
 }
 
-SSEPoint unitNormal(const SSEPoint& a, const SSEPoint& b, const SSEPoint& c)
-{
-    const float sx = b.x - a.x, sy = b.y - a.y, sz = b.z - a.z;
-    const float tx = c.x - a.x, ty = c.y - a.y, tz = c.z - a.z;
-    SSEPoint n;
-    n.x = sy * tz - sz * ty;
-    n.y = sz * tx - sx * tz;
-    n.z = sx * ty - sy * tx;
-    n.w = 0.0f;
-    const float length = std::sqrt(n.x * n.x + n.y * n.y + n.z * n.z);
-    if (length > 0.0f) {
-        n.x = n.x / length;
-        n.y = n.y / length;
-        n.z = n.z / length;
-    }
-    return n;
-}
-
 } // namespace
 
 IndexedMesh ToIndexedMesh(const CHTriangulation& mesh)
@@ -250,10 +233,7 @@ void FromIndexedMesh(const IndexedMesh& indexed, CHTriangulation& mesh)
             const float* p = &indexed.positions[3 * static_cast<size_t>(indexed.indices[3 * t + k])];
             r.pPoint[k]->m = _mm_setr_ps(p[0], p[1], p[2], 0.0f);
         }
-        const SSEPoint n = unitNormal(*r.pPoint[0], *r.pPoint[1], *r.pPoint[2]);
-        *r.pMainNormal = n;
-        for (int k = 0; k < 3; ++k)
-            *r.pNormal[k] = n;
+        detail::SetFaceNormalEverywhere(r);
     }
     mesh.CalcSTV();
     mesh.CalcBoundingBox();
