@@ -280,6 +280,26 @@ unsigned char* closeChunk(unsigned char* typeStart, uint32_t length)
     return typeStart + 8 + length;
 }
 
+// A Paeth row after a row above, in place as unfilterInPlace needs it. Each byte depends on
+// the one before, so the chain is kept short: the terms of the pixel above and above-left
+// are formed off the chain, and the choice is made without branches (noise mispredicts).
+void unfilterPaethRow(const unsigned char* src, const unsigned char* above, size_t width, unsigned char* dst)
+{
+    int a = static_cast<unsigned char>(src[0] + above[0]);   // a = c = 0: the prediction is b
+    dst[0] = static_cast<unsigned char>(a);
+    for (size_t x = 1; x < width; ++x) {
+        const int b = above[x], c = above[x - 1];
+        const int bc = b - c;
+        const int pa = std::abs(bc);
+        const int ac = a - c;
+        const int pb = std::abs(ac), pc = std::abs(ac + bc);
+        const int bOrC = pb <= pc ? b : c;
+        const int prediction = pa <= pb && pa <= pc ? a : bOrC;
+        a = static_cast<unsigned char>(src[x] + prediction);
+        dst[x] = static_cast<unsigned char>(a);
+    }
+}
+
 // The rows after their filter bytes, in place: row y moves from y * (width + 1) + 1 to
 // y * width. Each destination byte lies before every source byte not yet read, so a forward
 // pass (or a 16-byte load before its store) never overwrites what it still needs.
@@ -324,12 +344,14 @@ bool unfilterInPlace(unsigned char* buffer, size_t width, size_t height)
             }
             break;
         case c_filterPaeth:
-            for (size_t x = 0; x < width; ++x) {
-                const int a = x > 0 ? dst[x - 1] : 0;
-                const int b = above ? above[x] : 0;
-                const int c = x > 0 && above ? above[x - 1] : 0;
-                dst[x] = static_cast<unsigned char>(src[x] + paethPredictor(a, b, c));
+            if (above == nullptr) {
+                // No row above: the left neighbour is the prediction.
+                unsigned char left = 0;
+                for (size_t x = 0; x < width; ++x)
+                    dst[x] = left = static_cast<unsigned char>(src[x] + left);
+                break;
             }
+            unfilterPaethRow(src, above, width, dst);
             break;
         default:
             return false;
