@@ -277,3 +277,36 @@ TEST(PngDirect, WrittenPayloadsOfBothDeflatesPassPngcheckAndLibpng)
     }
     EXPECT_TRUE(seen[0] && seen[1]) << "the two images should take both deflates: " << seen[0] << seen[1];
 }
+
+TEST(PngDirect, WrittenRowsAreTheReferenceFilterOfTheirFilterByte)
+{
+    // Crops of the DEM's codes (real terrain, where Paeth rows are chosen) at widths around
+    // the 16-byte steps of the row filters, and smooth ramps, where Up rows are.
+    RbStreamWriteBinaryBuffer descriptions;
+    CodecAccess dem(JacksboroHeights());
+    const RbArray<unsigned char> codes = dem.quantize(*dem.createAndEncodeQuantizer(false, descriptions));
+    const unsigned demWidth = static_cast<unsigned>(dem.GetSizeX());
+    int paethImages = 0, upImages = 0;
+    for (const unsigned width : {1u, 2u, 16u, 17u, 31u, 33u, 48u, 403u})
+        for (const unsigned height : {1u, 3u, 200u})
+            for (const bool ramp : {false, true}) {
+                Bytes pixels(static_cast<size_t>(width) * height);
+                for (unsigned y = 0; y < height; ++y)
+                    for (unsigned x = 0; x < width; ++x)
+                        pixels[y * width + x] = ramp ? static_cast<unsigned char>(x + 2 * y)
+                                                     : codes.GetData()[(y + 50) * demWidth + x];
+                Bytes file;
+                ASSERT_TRUE(qzsse::detail::WritePngGrey8Direct(pixels.data(), width, height, file));
+                const size_t idatLength = static_cast<size_t>(file[33]) << 24 | file[34] << 16 | file[35] << 8 | file[36];
+                uLongf filteredBytes = (width + 1) * height;
+                Bytes filtered(filteredBytes);
+                ASSERT_EQ(uncompress(filtered.data(), &filteredBytes, file.data() + 41, idatLength), Z_OK);
+                ASSERT_EQ(filteredBytes, filtered.size());
+                const int filter = filtered[0];
+                ASSERT_TRUE(filter == 2 || filter == 4) << filter;
+                (filter == 4 ? paethImages : upImages) += 1;
+                EXPECT_EQ(filtered, Filtered(pixels, width, height, {filter})) << width << " x " << height;
+            }
+    EXPECT_GT(paethImages, 0);
+    EXPECT_GT(upImages, 0);
+}
