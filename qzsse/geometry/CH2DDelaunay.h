@@ -66,6 +66,11 @@ public:
 
 protected:
     void appendBorderPoints(CHTriangulation* mesh, bool fromFirstMesh, bool top);
+    // Whether the face's normal points down (the flag LowerFaces sets).
+    static bool facesDown(const tFaceStructure* f);
+    // LowerFaces after its flagging walk, which found numFaces faces: returns the faces kept
+    // and sets numEdges to the edge count.
+    int keepLowerFaces(int numFaces, int& numEdges);
 
     CSSE2dPolygon m_UpperBorderLine;
     CSSE2dPolygon m_LowerBorderLine;

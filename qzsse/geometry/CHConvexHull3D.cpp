@@ -235,8 +235,19 @@ void CHConvexHull3D::CalcConvexHull()
 {
     DoubleTriangle();
     ConstructHull();
-    EdgeOrderOnFaces();
-    storeCounts();
+    // EdgeOrderOnFaces and storeCounts, the face list walked once for both.
+    int faces = 0;
+    if (tFaceStructure* f = m_pFaces) {
+        do {
+            orderEdgesOf(f);
+            ++faces;
+            f = f->next;
+        } while (f != m_pFaces);
+    }
+    m_nFaces = faces;
+    m_nEdges = CalcNumEdges();
+    m_nVertices = CalcNumVertices();
+    m_nVertexCounter = m_nVertices;
 }
 
 tFaceStructure* CHConvexHull3D::MakeFace(tVertexStructure* v0, tVertexStructure* v1, tVertexStructure* v2,
@@ -462,25 +473,30 @@ void CHConvexHull3D::CleanVertices(tVertexStructure** nextVertex)
     } while (v != m_pVertices);
 }
 
+void CHConvexHull3D::orderEdgesOf(tFaceStructure* f)
+{
+    for (int i = 0; i < 3; ++i) {
+        const tVertexStructure* a = f->vertex[i];
+        const tVertexStructure* b = f->vertex[(i + 1) % 3];
+        for (int j = i; j < 3; ++j) {
+            const tEdgeStructure* e = f->edge[j];
+            if ((e->endpts[0] == a && e->endpts[1] == b) || (e->endpts[0] == b && e->endpts[1] == a)) {
+                tEdgeStructure* s = f->edge[i];
+                f->edge[i] = f->edge[j];
+                f->edge[j] = s;
+                break;
+            }
+        }
+    }
+}
+
 void CHConvexHull3D::EdgeOrderOnFaces()
 {
     tFaceStructure* f = m_pFaces;
     if (!f)
         return;
     do {
-        for (int i = 0; i < 3; ++i) {
-            const tVertexStructure* a = f->vertex[i];
-            const tVertexStructure* b = f->vertex[(i + 1) % 3];
-            for (int j = i; j < 3; ++j) {
-                const tEdgeStructure* e = f->edge[j];
-                if ((e->endpts[0] == a && e->endpts[1] == b) || (e->endpts[0] == b && e->endpts[1] == a)) {
-                    tEdgeStructure* s = f->edge[i];
-                    f->edge[i] = f->edge[j];
-                    f->edge[j] = s;
-                    break;
-                }
-            }
-        }
+        orderEdgesOf(f);
         f = f->next;
     } while (f != m_pFaces);
 }

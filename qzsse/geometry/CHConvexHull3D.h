@@ -172,6 +172,8 @@ protected:
 
     // Counts into the count fields; the vertex counter becomes the vertex count.
     void storeCounts();
+    // EdgeOrderOnFaces on one face.
+    static void orderEdgesOf(tFaceStructure* f);
     // Appends a vertex unless one with the same coordinates exists.
     tVertexStructure* appendGridVertex(long long x, long long y, long long z);
 

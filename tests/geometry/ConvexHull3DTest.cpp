@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <random>
 #include <set>
+#include <type_traits>
 #include <vector>
 
 #include <boost/multiprecision/cpp_int.hpp>
@@ -507,5 +508,60 @@ TEST(Hull3DConflicts, LargerInputsEqualTheFullScans)
                     h.AppendVertex3D(p[0], p[1], p[2], 1e5f);
             },
             [](CHConvexHull3D& h) { h.CalcConvexHull(); }, shell ? "sphere" : "ball", 0);
+    }
+}
+
+namespace {
+
+// The closing steps called one by one, with the counts walked from the finished lists.
+template <class Base>
+struct StepByStep : Base {
+    void Steps()
+    {
+        this->DoubleTriangle();
+        this->ConstructHull();
+        this->EdgeOrderOnFaces();
+        if constexpr (std::is_base_of_v<CH2DDelaunay, Base>)
+            this->LowerFaces();
+        this->storeCounts();
+    }
+};
+
+} // namespace
+
+TEST(Hull3DConflicts, OnePassFinishEqualsTheStepsWithWalkedCounts)
+{
+    std::mt19937 rng(77);
+    const auto delaunay = [](auto& d) {
+        if constexpr (requires { d.Steps(); })
+            d.Steps();
+        else
+            d.CalcDelaunayTriangulation();
+    };
+    const auto hull = [](auto& h) {
+        if constexpr (requires { h.Steps(); })
+            h.Steps();
+        else
+            h.CalcConvexHull();
+    };
+    // Coarse cells give cocircular and coplanar sets and duplicates; one cell is degenerate.
+    for (int trial = 0; trial < 24; ++trial) {
+        const int n = 3 + int(rng() % (trial % 6 == 0 ? 3000 : 300));
+        const int cells = std::array<int, 4>{1, 6, 40, 100000}[trial % 4];
+        std::vector<std::array<float, 3>> pts(static_cast<std::size_t>(n));
+        for (auto& p : pts)
+            p = {float(rng() % cells) / 10.0f, float(rng() % cells) / 10.0f, float(rng() % cells) / 10.0f};
+        ExpectSameBothWays<CH2DDelaunay, StepByStep<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (int i = 0; i < n; ++i)
+                    d.AppendVertex(pts[std::size_t(i)][0], pts[std::size_t(i)][1], i, i % 2 == 0);
+            },
+            delaunay, "Delaunay", trial);
+        ExpectSameBothWays<CHConvexHull3D, StepByStep<CHConvexHull3D>>(
+            [&](CHConvexHull3D& h) {
+                for (const auto& p : pts)
+                    h.AppendVertex3D(p[0], p[1], p[2], 10.0f);
+            },
+            hull, "3-D", trial);
     }
 }

@@ -6,6 +6,9 @@ namespace qzsse::detail {
 
 ConflictGraph::~ConflictGraph()
 {
+    // After a construction that ran to its end every block has been taken.
+    if (m_facesWithBlocks == 0)
+        return;
     if (tFaceStructure* f = m_hull.GetFaces()) {
         do {
             f->conflicts = nullptr;
@@ -35,6 +38,8 @@ void ConflictGraph::GiveBlock(tFaceStructure* f, const std::vector<ConflictArc>&
     block->face = f;
     block->count = static_cast<std::uint32_t>(entries.size());
     m_used += entries.size();
+    if (!f->conflicts)
+        ++m_facesWithBlocks;
     f->conflicts = block;
 }
 
@@ -46,6 +51,7 @@ const ConflictArc* ConflictGraph::TakeBlock(tFaceStructure* f, std::size_t& coun
         count = 0;
         return nullptr;
     }
+    --m_facesWithBlocks;
     block->face = nullptr;
     count = block->count;
     return block;

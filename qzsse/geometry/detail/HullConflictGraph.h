@@ -49,6 +49,7 @@ private:
     CHConvexHull3D& m_hull;
     std::vector<ConflictArc> m_blocks;  // never reallocated: faces point into it
     std::size_t m_used = 0;
+    std::size_t m_facesWithBlocks = 0;  // none left: no face to clear at the end
     std::vector<tVertexStructure*> m_vertexOf;
     std::vector<tFaceStructure*> m_faceOf;
 };
