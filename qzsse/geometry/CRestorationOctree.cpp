@@ -23,6 +23,23 @@ struct Pending {
     int node;
 };
 
+// Pushes the children first .. first + n - 1 whose key may still beat best, nearest last on
+// the stack so that the nearest is searched first.
+template <class Nodes, class Key>
+void pushChildrenNearestLast(const Nodes& nodes, int first, int n, const Key& key, double best, Pending* stack,
+                             int& top)
+{
+    Pending child[8];
+    for (int i = 0; i < n; ++i) {
+        child[i] = {key(nodes[static_cast<size_t>(first + i)]), first + i};
+        for (int j = i; j > 0 && child[j].key > child[j - 1].key; --j)
+            std::swap(child[j], child[j - 1]);
+    }
+    for (int i = 0; i < n; ++i)
+        if (child[i].key <= best * kPruneSlack)
+            stack[top++] = child[i];
+}
+
 inline void corners(const float* f, double a[3], double b[3], double c[3])
 {
     for (int k = 0; k < 3; ++k) {
@@ -184,17 +201,7 @@ int CRestorationOctree::FindClosestPoint(const SSEPoint& p, SSEPoint* closest, d
             }
             continue;
         }
-        // Children nearest last on the stack, so the nearest is searched first.
-        Pending child[8];
-        const int n = -node.count;
-        for (int i = 0; i < n; ++i) {
-            child[i] = {boxDistance(m_nodes[static_cast<size_t>(node.first + i)]), node.first + i};
-            for (int j = i; j > 0 && child[j].key > child[j - 1].key; --j)
-                std::swap(child[j], child[j - 1]);
-        }
-        for (int i = 0; i < n; ++i)
-            if (child[i].key <= best * kPruneSlack)
-                stack[top++] = child[i];
+        pushChildrenNearestLast(m_nodes, node.first, -node.count, boxDistance, best, stack, top);
     }
     if (bestSlot < 0)
         return -1;
@@ -255,16 +262,7 @@ int CRestorationOctree::FindFirstRayHit(const SSEPoint& origin, const SSEPoint& 
             }
             continue;
         }
-        Pending child[8];
-        const int n = -node.count;
-        for (int i = 0; i < n; ++i) {
-            child[i] = {entry(m_nodes[static_cast<size_t>(node.first + i)]), node.first + i};
-            for (int j = i; j > 0 && child[j].key > child[j - 1].key; --j)
-                std::swap(child[j], child[j - 1]);
-        }
-        for (int i = 0; i < n; ++i)
-            if (child[i].key <= best * kPruneSlack)
-                stack[top++] = child[i];
+        pushChildrenNearestLast(m_nodes, node.first, -node.count, entry, best, stack, top);
     }
     if (bestSlot < 0)
         return -1;
