@@ -20,6 +20,7 @@
 #include <emmintrin.h>
 
 #include "support/NpyReader.h"
+#include "support/TriangleSoup.h"
 #include "qzsse/geometry/CHDecideRyTriInRyTri.h"
 #include "qzsse/geometry/CRestorationOctree.h"
 #include "qzsse/mesh/CHTriangulation.h"
@@ -36,7 +37,8 @@
 
 namespace {
 
-using Tri = std::array<float, 9>;
+using qzsse::support::MeshOf;
+using qzsse::support::Tri;
 constexpr int kQueries = 1000000;
 constexpr int kSurfaceSide = 708;   // 2 * 707^2 = 999 698 triangles
 constexpr int kSolidSide = 501;     // 4 * 500^2 + 8 * 500 = 1 004 000 triangles
@@ -67,54 +69,14 @@ std::vector<float> Heights(int side)
     return h;
 }
 
-void AddQuad(std::vector<Tri>& out, const float* a, const float* b, const float* c, const float* d)
-{
-    out.push_back({a[0], a[1], a[2], b[0], b[1], b[2], c[0], c[1], c[2]});
-    out.push_back({a[0], a[1], a[2], c[0], c[1], c[2], d[0], d[1], d[2]});
-}
-
 // The height surface on side x side samples at unit spacing; closed adds floor and walls.
 std::vector<Tri> Grid(int side, bool closed, float floorZ)
 {
     const std::vector<float> h = Heights(side);
-    std::vector<Tri> out;
-    const auto at = [&](int i, int j, bool upper, float* p) {
-        p[0] = static_cast<float>(i), p[1] = static_cast<float>(j);
-        p[2] = upper ? h[static_cast<size_t>(j) * side + i] : floorZ;
+    const auto top = [&h, side](float x, float y) {
+        return h[static_cast<size_t>(y) * static_cast<size_t>(side) + static_cast<size_t>(x)];
     };
-    float a[3], b[3], c[3], d[3];
-    const int n = side - 1;
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i < n; ++i) {
-            at(i, j, true, a), at(i + 1, j, true, b), at(i + 1, j + 1, true, c), at(i, j + 1, true, d);
-            AddQuad(out, a, b, c, d);
-            if (closed) {
-                at(i, j, false, a), at(i, j + 1, false, b), at(i + 1, j + 1, false, c), at(i + 1, j, false, d);
-                AddQuad(out, a, b, c, d);
-            }
-        }
-    if (closed)
-        for (int k = 0; k < n; ++k) {
-            at(k, 0, false, a), at(k + 1, 0, false, b), at(k + 1, 0, true, c), at(k, 0, true, d);
-            AddQuad(out, a, b, c, d);
-            at(n, k, false, a), at(n, k + 1, false, b), at(n, k + 1, true, c), at(n, k, true, d);
-            AddQuad(out, a, b, c, d);
-            at(k + 1, n, false, a), at(k, n, false, b), at(k, n, true, c), at(k + 1, n, true, d);
-            AddQuad(out, a, b, c, d);
-            at(0, k + 1, false, a), at(0, k, false, b), at(0, k, true, c), at(0, k + 1, true, d);
-            AddQuad(out, a, b, c, d);
-        }
-    return out;
-}
-
-std::unique_ptr<CHTriangulation> MeshOf(const std::vector<Tri>& tris)
-{
-    auto mesh = std::make_unique<CHTriangulation>(static_cast<int>(tris.size()), 1.0f, 1.0f, 1.0f);
-    for (size_t t = 0; t < tris.size(); ++t)
-        for (int k = 0; k < 3; ++k)
-            mesh->GetTriangles()[t].pPoint[k]->m =
-                _mm_setr_ps(tris[t][3 * k], tris[t][3 * k + 1], tris[t][3 * k + 2], 0.0f);
-    return mesh;
+    return qzsse::support::Slab(side - 1, 1.0f, floorZ, top, closed);
 }
 
 struct Scene {

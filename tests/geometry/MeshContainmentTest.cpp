@@ -65,7 +65,7 @@ K::Point_3 Of(const SSEPoint& p)
 
 std::vector<Tri> Slab(bool inward)
 {
-    auto tris = qzsse::test::ClosedSlab(16, 0.5f, 0.25f, qzsse::test::Bumps);
+    auto tris = qzsse::support::Slab(16, 0.5f, 0.25f, qzsse::test::Bumps);
     if (inward)
         for (Tri& t : tris)
             for (int a = 0; a < 3; ++a)
@@ -150,7 +150,7 @@ TEST(MeshContainment, WholeMeshesAndOpenMeshes)
     const auto big = qzsse::test::MeshOf(Slab(false));
     const CHDecideRyTriInRyTri decide(big.get(), kScale);
     const auto moved = [](float dx, float dy, float dz) {
-        auto tris = qzsse::test::ClosedSlab(4, 0.25f, 0.0f, [](float, float) { return 0.5f; });
+        auto tris = qzsse::support::Slab(4, 0.25f, 0.0f, [](float, float) { return 0.5f; });
         for (Tri& t : tris)
             for (int k = 0; k < 9; k += 3)
                 t[k] += dx, t[k + 1] += dy, t[k + 2] += dz;

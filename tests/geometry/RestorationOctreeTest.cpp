@@ -68,7 +68,7 @@ struct Case {
 std::vector<Case> Cases()
 {
     return {{"random soup", RandomSoup(3000, 7)},
-            {"closed slab", qzsse::test::ClosedSlab(30, 0.5f, 0.0f, qzsse::test::Bumps)},
+            {"closed slab", qzsse::support::Slab(30, 0.5f, 0.0f, qzsse::test::Bumps)},
             {"one triangle", {Tri{0, 0, 0, 1, 0, 0, 0, 1, 0}}}};
 }
 
@@ -107,7 +107,7 @@ TEST(RestorationOctree, ClosestPointMatchesAabbTree)
 // near: the lowest index of them must win, whatever the tree's order.
 TEST(RestorationOctree, TiesGoToTheLowestIndex)
 {
-    const auto tris = qzsse::test::ClosedSlab(12, 0.5f, 0.0f, [](float, float) { return 1.0f; });
+    const auto tris = qzsse::support::Slab(12, 0.5f, 0.0f, [](float, float) { return 1.0f; });
     const auto mesh = qzsse::test::MeshOf(tris);
     const CRestorationOctree octree(mesh.get(), 3);
     const Oracle oracle(tris);

@@ -22,7 +22,7 @@ TEST(TriangulationTo2DHull, ExtremeCornersMatchConvexHull2)
     std::mt19937 rng(4);
     std::uniform_real_distribution<float> where(-100.0f, 100.0f), size(-5.0f, 5.0f);
     const std::vector<std::vector<Tri>> meshes = {
-        qzsse::test::ClosedSlab(10, 1.0f, 0.0f, qzsse::test::Bumps),
+        qzsse::support::Slab(10, 1.0f, 0.0f, qzsse::test::Bumps),
         [&] {
             std::vector<Tri> soup(500);
             for (Tri& t : soup) {
