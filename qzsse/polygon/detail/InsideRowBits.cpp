@@ -12,13 +12,7 @@
 namespace qzsse::detail {
 namespace {
 
-constexpr double c_dLargestSafeCoordinate = 1e18;
 constexpr long long c_llLargestExactPixel = 1LL << 24;
-
-bool safeCoordinate(float v)
-{
-    return std::isfinite(v) && std::fabs(v) <= c_dLargestSafeCoordinate;
-}
 
 // All ones in the first min(count, 4) lanes.
 inline __m128 inRange(size_t count)
@@ -35,12 +29,8 @@ InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
     const int n = outline.n;
     if (n < 3 || x0 < base)
         return;
-    if (!(safeCoordinate(outline.minX) && safeCoordinate(outline.minY) && safeCoordinate(outline.maxX) &&
-          safeCoordinate(outline.maxY)))
+    if (!scannableOutline(outline))
         return;
-    for (int i = 0; i < n; ++i)
-        if (!(safeCoordinate(outline.x[i]) && safeCoordinate(outline.y[i])))
-            return;
     if (x0 < -c_llLargestExactPixel || x1 > c_llLargestExactPixel)
         return;
     m_exact = true;
@@ -57,14 +47,9 @@ InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
 
     m_edges.reserve(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
-        const int prev = (i == 0) ? n - 1 : i - 1;
-        const float px = outline.x[prev], py = outline.y[prev];
-        const float cx = outline.x[i], cy = outline.y[i];
-        if (px == cx)
-            continue; // an empty half-open x-range: never toggles
-        const bool prevSmaller = px < cx;
-        const float ax = prevSmaller ? px : cx, ay = prevSmaller ? py : cy;
-        const float bx = prevSmaller ? cx : px, by = prevSmaller ? cy : py;
+        float ax, ay, bx, by;
+        if (!edgeLeftToRight(outline, i, ax, ay, bx, by))
+            continue;
         const double first = std::max(std::floor(static_cast<double>(ax)) + 1.0, static_cast<double>(m_first));
         const double last = std::min(std::floor(static_cast<double>(bx)), static_cast<double>(m_last));
         if (first > last)

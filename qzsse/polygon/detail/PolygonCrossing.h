@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cmath>
+
 #include <xmmintrin.h>
 
 namespace qzsse::detail {
@@ -14,6 +16,35 @@ struct OutlineXY {
     float maxX = 0.0f;
     float maxY = 0.0f;
 };
+
+// The row scanners work on outlines whose coordinates and box are finite and within 1e18,
+// where their double arithmetic on the float coordinates is exact enough; others are tested
+// pixel by pixel.
+inline bool scannableOutline(const OutlineXY& o)
+{
+    const auto safe = [](float v) { return std::isfinite(v) && std::fabs(v) <= 1e18; };
+    if (!(safe(o.minX) && safe(o.minY) && safe(o.maxX) && safe(o.maxY)))
+        return false;
+    for (int i = 0; i < o.n; ++i)
+        if (!(safe(o.x[i]) && safe(o.y[i])))
+            return false;
+    return true;
+}
+
+// Edge i (from point i - 1, cyclically, to point i) with a as its end of smaller x; false for
+// a vertical edge, whose half-open x-range is empty so that it never toggles.
+inline bool edgeLeftToRight(const OutlineXY& o, int i, float& ax, float& ay, float& bx, float& by)
+{
+    const int prev = (i == 0) ? o.n - 1 : i - 1;
+    const float px = o.x[prev], py = o.y[prev];
+    const float cx = o.x[i], cy = o.y[i];
+    if (px == cx)
+        return false;
+    const bool prevSmaller = px < cx;
+    ax = prevSmaller ? px : cx, ay = prevSmaller ? py : cy;
+    bx = prevSmaller ? cx : px, by = prevSmaller ? cy : py;
+    return true;
+}
 
 // Whether (x, y) lies outside the box, written as the four rejecting comparisons so that a
 // NaN coordinate is never rejected here (it then fails every edge instead).

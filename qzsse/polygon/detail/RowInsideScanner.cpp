@@ -13,7 +13,6 @@
 namespace qzsse::detail {
 namespace {
 
-constexpr double c_dLargestSafeCoordinate = 1e18;
 constexpr long long c_llLargestExactPixel = 1LL << 24;
 constexpr double c_dColumnLimit = 1073741824.0; // 2^30: far beyond any exact pixel column
 
@@ -30,11 +29,6 @@ inline __m128i minInt32(__m128i a, __m128i b)
     return _mm_or_si128(_mm_and_si128(greater, b), _mm_andnot_si128(greater, a));
 }
 
-bool safeCoordinate(float v)
-{
-    return std::isfinite(v) && std::fabs(v) <= c_dLargestSafeCoordinate;
-}
-
 } // namespace
 
 RowInsideScanner::RowInsideScanner(const OutlineXY& outline)
@@ -43,10 +37,7 @@ RowInsideScanner::RowInsideScanner(const OutlineXY& outline)
     const int n = outline.n;
     if (n < 3)
         return;
-    m_direct = !(safeCoordinate(outline.minX) && safeCoordinate(outline.minY) && safeCoordinate(outline.maxX) &&
-                 safeCoordinate(outline.maxY));
-    for (int i = 0; i < n && !m_direct; ++i)
-        m_direct = !(safeCoordinate(outline.x[i]) && safeCoordinate(outline.y[i]));
+    m_direct = !scannableOutline(outline);
     if (m_direct)
         return;
 
@@ -60,14 +51,9 @@ RowInsideScanner::RowInsideScanner(const OutlineXY& outline)
         return static_cast<int>(std::clamp(v, -c_dColumnLimit, c_dColumnLimit));
     };
     for (int i = 0; i < n; ++i) {
-        const int prev = (i == 0) ? n - 1 : i - 1;
-        const float px = outline.x[prev], py = outline.y[prev];
-        const float cx = outline.x[i], cy = outline.y[i];
-        if (px == cx)
-            continue; // an empty half-open x-range: never toggles
-        const bool prevSmaller = px < cx;
-        const float ax = prevSmaller ? px : cx, ay = prevSmaller ? py : cy;
-        const float bx = prevSmaller ? cx : px, by = prevSmaller ? cy : py;
+        float ax, ay, bx, by;
+        if (!edgeLeftToRight(outline, i, ax, ay, bx, by))
+            continue;
         edges.push_back({ax, ay, bx - ax, by - ay, std::max(ay, by), column(std::floor(static_cast<double>(ax)) + 1.0),
                          column(std::floor(static_cast<double>(bx)))});
     }
