@@ -5,11 +5,22 @@
 // vectorised row filter are several times faster than libpng's row-by-row path.
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
 
 namespace qzsse::detail {
+
+constexpr unsigned char c_pngSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+constexpr unsigned char c_filterNone = 0, c_filterSub = 1, c_filterUp = 2, c_filterAverage = 3, c_filterPaeth = 4;
+constexpr unsigned int c_maxPngDimension = 0x7FFFFFFFu;
+
+inline uint32_t loadBigEndian32(const unsigned char* p)
+{
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 | static_cast<uint32_t>(p[2]) << 8
+           | static_cast<uint32_t>(p[3]);
+}
 
 // How the IDAT stream of a written PNG was deflated (chosen on a sample of rows).
 enum class PngDeflate { Matches, Literals };
