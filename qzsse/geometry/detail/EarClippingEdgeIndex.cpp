@@ -306,7 +306,8 @@ bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, in
             const int d = m_next[static_cast<size_t>(c)];
             if (c == ia || c == ib || d == ia || d == ib)
                 continue;
-            if (fcns.Intersect(a, b, m_points[static_cast<size_t>(c)], m_points[static_cast<size_t>(d)]))
+            const t_h2dpoint pc = m_points[static_cast<size_t>(c)], pd = m_points[static_cast<size_t>(d)];
+            if (EarClippingEdgeHits(fcns, a, b, pc, pd, EarClippingArea(a, b, pc), EarClippingArea(a, b, pd)))
                 return true;
             continue;
         }

@@ -6,6 +6,32 @@
 
 namespace qzsse::detail {
 
+constexpr float c_fEarClippingTolerance = 0.0005f;
+
+// The doubled area written exactly as the orientation predicates compute it, so that the
+// classification below sees the very floats Intersect would.
+inline float EarClippingArea(const t_h2dpoint& a, const t_h2dpoint& b, const t_h2dpoint& c)
+{
+    return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
+}
+
+// Intersect (a, b, c, d), given the areas of c and d against ab. Ends lying strictly on one
+// side of ab (neither within the tolerance) can neither cross ab properly nor lie on it, so
+// only a or b lying on cd remains, and Between (c, d, e) needs e collinear with cd first.
+// Every other edge goes through Intersect itself.
+inline bool EarClippingEdgeHits(const CHSimpleBasisFcns& fcns, const t_h2dpoint& a, const t_h2dpoint& b,
+                                const t_h2dpoint& c, const t_h2dpoint& d, float areaC, float areaD)
+{
+    constexpr float tol = c_fEarClippingTolerance;
+    const bool collinearC = areaC >= -tol && areaC <= tol;
+    const bool collinearD = areaD >= -tol && areaD <= tol;
+    if (collinearC || collinearD || (areaC > tol) != (areaD > tol))
+        return fcns.Intersect(a, b, c, d);
+    const float areaA = EarClippingArea(c, d, a), areaB = EarClippingArea(c, d, b);
+    return (areaA >= -tol && areaA <= tol && fcns.Between(c, d, a)) ||
+           (areaB >= -tol && areaB <= tol && fcns.Between(c, d, b));
+}
+
 // The ring edges of an ear clipping in a tree over the vertex order (edge i runs from vertex i
 // to the next vertex still in the ring), so that a diagonal is tested with Intersect only
 // against the edges that could make Intersect answer true. A subtree is skipped only where
