@@ -19,6 +19,9 @@ constexpr double c_dSlack = 1.0 + 1e-9;
 constexpr double c_dExactProduct = 0x1p24;
 constexpr double c_dLargest = 1e18;
 constexpr double c_dInf = std::numeric_limits<double>::infinity();
+// Below nodes of this many levels (four leaves) the edges are tested one by one: the inline
+// side test of an edge costs less than a node test.
+constexpr int c_iScanLevels = 2;
 
 // Largest exact |A(c, d, e)| for which Between(c, d, e) can hold (e within the x range, or the
 // y range when vertical).
@@ -161,6 +164,7 @@ void EarClippingEdgeIndex::Remove(int v)
     const int q = m_next[static_cast<size_t>(v)];
     m_next[static_cast<size_t>(p)] = q;
     m_prev[static_cast<size_t>(q)] = p;
+    m_next[static_cast<size_t>(v)] = -1;
     m_nodes[static_cast<size_t>(m_leaves + v)].maxDx = -1;
     SetLeaf(p);
     // Stale nodes form paths up from changed leaves, so marking stops at the first stale one.
@@ -301,17 +305,7 @@ bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, in
         const Node& n = m_nodes[static_cast<size_t>(node)];
         if (n.maxDx < 0)
             continue;
-        if (node >= m_leaves) {
-            const int c = node - m_leaves;
-            const int d = m_next[static_cast<size_t>(c)];
-            if (c == ia || c == ib || d == ia || d == ib)
-                continue;
-            const t_h2dpoint pc = m_points[static_cast<size_t>(c)], pd = m_points[static_cast<size_t>(d)];
-            if (EarClippingEdgeHits(fcns, a, b, pc, pd, EarClippingArea(a, b, pc), EarClippingArea(a, b, pd)))
-                return true;
-            continue;
-        }
-        const int shift = m_depth + 1 - std::bit_width(static_cast<unsigned>(node));
+        const int shift = m_depth + 1 - std::bit_width(static_cast<unsigned>(node));  // 0 at a leaf
         const bool holdsEnd = (ends[0] >> shift) == node || (ends[1] >> shift) == node ||
                               (ends[2] >> shift) == node || (ends[3] >> shift) == node;
         if (!holdsEnd) {
@@ -322,6 +316,19 @@ bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, in
             }
             if (Prunable(n, q))
                 continue;
+        }
+        if (shift <= c_iScanLevels) {
+            const int first = (node << shift) - m_leaves;
+            const int last = std::min(first + (1 << shift), static_cast<int>(m_next.size()));
+            for (int c = first; c < last; ++c) {
+                const int d = m_next[static_cast<size_t>(c)];
+                if (d < 0 || c == ia || c == ib || d == ia || d == ib)
+                    continue;
+                const t_h2dpoint pc = m_points[static_cast<size_t>(c)], pd = m_points[static_cast<size_t>(d)];
+                if (EarClippingEdgeHits(fcns, a, b, pc, pd, EarClippingArea(a, b, pc), EarClippingArea(a, b, pd)))
+                    return true;
+            }
+            continue;
         }
         stack[top++] = 2 * node + 1;
         stack[top++] = 2 * node;
