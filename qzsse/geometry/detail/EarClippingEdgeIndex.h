@@ -15,21 +15,18 @@ inline float EarClippingArea(const t_h2dpoint& a, const t_h2dpoint& b, const t_h
     return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
 }
 
-// Intersect (a, b, c, d), given the areas of c and d against ab. Ends lying strictly on one
-// side of ab (neither within the tolerance) can neither cross ab properly nor lie on it, so
-// only a or b lying on cd remains, and Between (c, d, e) needs e collinear with cd first.
-// Every other edge goes through Intersect itself.
+// Intersect (a, b, c, d), given the areas of c and d against ab. With none of the four
+// areas within the tolerance, no Between can hold and IntersectProp is the strict side test
+// itself; only a near-collinear end needs Intersect.
 inline bool EarClippingEdgeHits(const CHSimpleBasisFcns& fcns, const t_h2dpoint& a, const t_h2dpoint& b,
                                 const t_h2dpoint& c, const t_h2dpoint& d, float areaC, float areaD)
 {
     constexpr float tol = c_fEarClippingTolerance;
-    const bool collinearC = areaC >= -tol && areaC <= tol;
-    const bool collinearD = areaD >= -tol && areaD <= tol;
-    if (collinearC || collinearD || (areaC > tol) != (areaD > tol))
-        return fcns.Intersect(a, b, c, d);
     const float areaA = EarClippingArea(c, d, a), areaB = EarClippingArea(c, d, b);
-    return (areaA >= -tol && areaA <= tol && fcns.Between(c, d, a)) ||
-           (areaB >= -tol && areaB <= tol && fcns.Between(c, d, b));
+    const auto collinear = [](float area) { return area >= -tol && area <= tol; };
+    if (collinear(areaC) || collinear(areaD) || collinear(areaA) || collinear(areaB))
+        return fcns.Intersect(a, b, c, d);
+    return (areaC > tol) != (areaD > tol) && (areaA > tol) != (areaB > tol);
 }
 
 // The ring edges of an ear clipping in a tree over the vertex order (edge i runs from vertex i
