@@ -81,7 +81,7 @@ bool EarClippingEdgeIndex::Build(const t_hvertex* vertices, int n)
     while ((1 << m_depth) < n)
         ++m_depth;
     m_leaves = 1 << m_depth;
-    m_nodes.assign(static_cast<size_t>(2 * m_leaves), Node{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, -1, -1, false, false});
+    m_nodes.assign(static_cast<size_t>(2 * m_leaves), Node{0, 0, 0, 0, -1, -1, false, false, 0, 0, 0, 0, 0, 0});
     for (int i = 0; i < n; ++i)
         SetLeaf(i);
     for (int node = m_leaves - 1; node >= 1; --node)
@@ -302,13 +302,13 @@ bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, in
     stack[top++] = 1;
     while (top > 0) {
         const int node = stack[--top];
-        const Node& n = m_nodes[static_cast<size_t>(node)];
-        if (n.maxDx < 0)
-            continue;
         const int shift = m_depth + 1 - std::bit_width(static_cast<unsigned>(node));  // 0 at a leaf
         const bool holdsEnd = (ends[0] >> shift) == node || (ends[1] >> shift) == node ||
                               (ends[2] >> shift) == node || (ends[3] >> shift) == node;
-        if (!holdsEnd) {
+        if (!holdsEnd) {  // (a node holding an end holds a ring edge, so it is not empty)
+            const Node& n = m_nodes[static_cast<size_t>(node)];
+            if (n.maxDx < 0)
+                continue;
             if (n.stale) {
                 Refit(node);
                 if (n.maxDx < 0)

@@ -56,13 +56,14 @@ public:
 private:
     // A box along axis u = (ux, uy) holding the reach regions of the edges below:
     // s in [s0, s1] along u, t in [t0, t1] along (-uy, ux); with its axis-aligned box.
+    // What a query reads first (emptiness, the axis-aligned box) comes first.
     struct Node {
-        double ux, uy, s0, s1, t0, t1;
         double x0, y0, x1, y1;
         double maxDx;  // largest |d.x - c.x| of the edges below; negative when there are none
         double maxDy;
         bool unbounded;
         bool stale;  // a leaf below changed since the last fit (so every ancestor is stale too)
+        double ux, uy, s0, s1, t0, t1;
     };
     struct Query {
         t_h2dpoint a, b;
