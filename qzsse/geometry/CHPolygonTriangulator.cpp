@@ -92,38 +92,6 @@ void CHPolygonTriangulator::Create2DPolygonFrom3DPolygon()
     }
 }
 
-namespace qzsse::detail {
-
-namespace {
-
-constexpr float c_fEdgeScanTolerance = 0.0005f;
-
-// Written exactly as the orientation predicates compute it, so that the classification below
-// sees the very floats Intersect would.
-inline float EdgeScanArea(const t_h2dpoint& a, const t_h2dpoint& b, const t_h2dpoint& c)
-{
-    return (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
-}
-
-// Intersect (a, b, c, d) by way of the areas of c and d against ab. Ends lying strictly on one
-// side of ab (neither within the tolerance) can neither cross ab properly nor lie on it, so
-// only a or b lying on cd remains to be tried; every other edge goes through Intersect itself.
-inline bool EdgeHits(const CHSimpleBasisFcns& fcns, const t_h2dpoint& a, const t_h2dpoint& b, const t_h2dpoint& c,
-                     const t_h2dpoint& d, float areaC, float areaD)
-{
-    const bool collinearC = areaC >= -c_fEdgeScanTolerance && areaC <= c_fEdgeScanTolerance;
-    const bool collinearD = areaD >= -c_fEdgeScanTolerance && areaD <= c_fEdgeScanTolerance;
-    const bool sameSide =
-        !collinearC && !collinearD && (areaC > c_fEdgeScanTolerance) == (areaD > c_fEdgeScanTolerance);
-    if (!sameSide)
-        return fcns.Intersect(a, b, c, d);
-    return fcns.Between(c, d, a) || fcns.Between(c, d, b);
-}
-
-}  // namespace
-
-}  // namespace qzsse::detail
-
 bool CHPolygonTriangulator::DiagonalieDirect(const t_hvertex* a, const t_hvertex* b) const
 {
     const t_hvertex* c = m_pHead;
@@ -145,16 +113,16 @@ bool CHPolygonTriangulator::Diagonalie(const t_hvertex* a, const t_hvertex* b) c
         return DiagonalieDirect(a, b);
     if (m_pEdgeIndex != nullptr)
         return !m_pEdgeIndex->AnyEdgeHits(*this, a->index, b->index);
-    using qzsse::detail::EdgeScanArea;
+    using qzsse::detail::EarClippingArea;
     const t_h2dpoint pa = a->position;
     const t_h2dpoint pb = b->position;
     const t_hvertex* c = m_pHead;
-    float areaC = EdgeScanArea(pa, pb, c->position);
+    float areaC = EarClippingArea(pa, pb, c->position);
     do {
         const t_hvertex* c1 = c->next;
-        const float areaD = EdgeScanArea(pa, pb, c1->position);
+        const float areaD = EarClippingArea(pa, pb, c1->position);
         if (c != a && c1 != a && c != b && c1 != b &&
-            qzsse::detail::EdgeHits(*this, pa, pb, c->position, c1->position, areaC, areaD))
+            qzsse::detail::EarClippingEdgeHits(*this, pa, pb, c->position, c1->position, areaC, areaD))
             return false;
         c = c1;
         areaC = areaD;

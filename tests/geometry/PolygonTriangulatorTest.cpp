@@ -274,7 +274,8 @@ TEST(PolygonTriangulator, DegenerateInputsGiveNothingOrStopEarly)
 namespace {
 
 // Outlines meant to stress the edge scan: tolerance-sized slivers, collinear runs on awkward
-// coordinates, near-duplicate points, nearly vertical short edges and crossings.
+// coordinates, near-duplicate points, nearly vertical short edges, crossings and integer combs
+// (where every float judgement is exact).
 std::vector<XY> AwkwardPolygon(std::mt19937& rng, int kind, int n)
 {
     std::uniform_real_distribution<double> unit(0, 1);
@@ -319,6 +320,16 @@ std::vector<XY> AwkwardPolygon(std::mt19937& rng, int kind, int n)
     case 5: {  // A star with two vertices swapped: crosses itself.
         out = StarPolygon(rng, n);
         std::swap(out[static_cast<size_t>(n / 5)], out[static_cast<size_t>(n / 2)]);
+        return out;
+    }
+    case 6: {  // Comb of integer teeth, 1 wide and 1 apart, of random heights.
+        const int teeth = std::max(1, n / 4);
+        std::uniform_int_distribution<int> height(5, 60);
+        out = {{0, -10}, {2.0 * teeth, -10}};
+        for (int t = teeth - 1; t >= 0; --t) {
+            const double h = height(rng);
+            out.insert(out.end(), {{2.0 * t + 1, 0}, {2.0 * t + 1, h}, {2.0 * t, h}, {2.0 * t, 0}});
+        }
         return out;
     }
     default: {  // Random points on a small integer grid in random order.
@@ -381,7 +392,7 @@ TEST(PolygonTriangulator, FilteredEdgeScanAnswersLikeTheDirectScan)
 {
     std::mt19937 rng(2024);
     int diagonals = 0, queries = 0;
-    for (int kind = 0; kind < 7; ++kind) {
+    for (int kind = 0; kind < 8; ++kind) {
         for (int trial = 0; trial < 8; ++trial) {
             const auto polygon = AwkwardPolygon(rng, kind, 12 + 6 * trial);
             CSSE2dPolygon source;
@@ -408,7 +419,7 @@ TEST(PolygonTriangulator, FilteredEdgeScanClipsLikeTheDirectScan)
 {
     std::mt19937 rng(77);
     int stoppedEarly = 0;
-    for (int kind = 0; kind < 7; ++kind) {
+    for (int kind = 0; kind < 8; ++kind) {
         for (int trial = 0; trial < 10; ++trial) {
             const auto polygon = AwkwardPolygon(rng, kind, 10 + 15 * trial);
             CSSE2dPolygon source;
@@ -501,7 +512,7 @@ TEST(PolygonTriangulator, EdgeIndexAnswersLikeEveryEdgeScanned)
     std::mt19937 rng(5);
     int hits = 0, farHits = 0, queries = 0;
     for (const double scale : {1e-3, 1.0, 37.0, 1e3, 1e5}) {
-        for (int kind = 0; kind < 12; ++kind) {
+        for (int kind = 0; kind < 13; ++kind) {
             const auto outline = EdgeIndexOutline(rng, kind, 40);
             const int n = static_cast<int>(outline.size());
             std::vector<t_hvertex> v(static_cast<size_t>(n));

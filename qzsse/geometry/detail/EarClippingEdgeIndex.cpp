@@ -1,6 +1,7 @@
 #include "qzsse/geometry/detail/EarClippingEdgeIndex.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 
@@ -18,6 +19,9 @@ constexpr double c_dSlack = 1.0 + 1e-9;
 constexpr double c_dExactProduct = 0x1p24;
 constexpr double c_dLargest = 1e18;
 constexpr double c_dInf = std::numeric_limits<double>::infinity();
+// Below nodes of this many levels (four leaves) the edges are tested one by one: the inline
+// side test of an edge costs less than a node test.
+constexpr int c_iScanLevels = 2;
 
 // Largest exact |A(c, d, e)| for which Between(c, d, e) can hold (e within the x range, or the
 // y range when vertical).
@@ -59,20 +63,25 @@ bool EarClippingEdgeIndex::Build(const t_hvertex* vertices, int n)
     m_next.resize(static_cast<size_t>(n));
     m_prev.resize(static_cast<size_t>(n));
     m_integral = true;
+    m_x0 = m_y0 = c_dInf;
+    m_x1 = m_y1 = -c_dInf;
     for (int i = 0; i < n; ++i) {
         const t_h2dpoint p = vertices[i].position;
         if (!(std::fabs(p.x) <= c_dLargest && std::fabs(p.y) <= c_dLargest))
             return false;
+        m_x0 = std::min(m_x0, double(p.x)), m_x1 = std::max(m_x1, double(p.x));
+        m_y0 = std::min(m_y0, double(p.y)), m_y1 = std::max(m_y1, double(p.y));
         m_integral = m_integral && p.x == std::nearbyint(p.x) && p.y == std::nearbyint(p.y) &&
                      std::fabs(p.x) <= 0x1p22f && std::fabs(p.y) <= 0x1p22f;
         m_points[static_cast<size_t>(i)] = p;
         m_next[static_cast<size_t>(i)] = i + 1 < n ? i + 1 : 0;
         m_prev[static_cast<size_t>(i)] = i > 0 ? i - 1 : n - 1;
     }
-    m_leaves = 1;
-    while (m_leaves < n)
-        m_leaves *= 2;
-    m_nodes.assign(static_cast<size_t>(2 * m_leaves), Node{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, -1, -1, false});
+    m_depth = 0;
+    while ((1 << m_depth) < n)
+        ++m_depth;
+    m_leaves = 1 << m_depth;
+    m_nodes.assign(static_cast<size_t>(2 * m_leaves), Node{0, 0, 0, 0, -1, -1, false, false, 0, 0, 0, 0, 0, 0});
     for (int i = 0; i < n; ++i)
         SetLeaf(i);
     for (int node = m_leaves - 1; node >= 1; --node)
@@ -118,8 +127,10 @@ void EarClippingEdgeIndex::Pull(int node)
     Node& out = m_nodes[static_cast<size_t>(node)];
     if (l.maxDx < 0 || r.maxDx < 0) {
         out = l.maxDx < 0 ? r : l;
+        out.stale = false;
         return;
     }
+    out.stale = false;
     out.maxDx = std::max(l.maxDx, r.maxDx);
     out.maxDy = std::max(l.maxDy, r.maxDy);
     out.unbounded = l.unbounded || r.unbounded;
@@ -153,18 +164,33 @@ void EarClippingEdgeIndex::Remove(int v)
     const int q = m_next[static_cast<size_t>(v)];
     m_next[static_cast<size_t>(p)] = q;
     m_prev[static_cast<size_t>(q)] = p;
+    m_next[static_cast<size_t>(v)] = -1;
     m_nodes[static_cast<size_t>(m_leaves + v)].maxDx = -1;
     SetLeaf(p);
-    // Both paths up, the shared part once.
-    int nv = (m_leaves + v) / 2, np = (m_leaves + p) / 2;
-    while (nv != np) {
-        Pull(nv);
-        Pull(np);
-        nv /= 2;
-        np /= 2;
-    }
-    for (; nv >= 1; nv /= 2)
-        Pull(nv);
+    // Stale nodes form paths up from changed leaves, so marking stops at the first stale one.
+    for (const int leaf : {v, p})
+        for (int node = (m_leaves + leaf) / 2; node >= 1 && !m_nodes[static_cast<size_t>(node)].stale; node /= 2)
+            m_nodes[static_cast<size_t>(node)].stale = true;
+}
+
+void EarClippingEdgeIndex::Refit(int node)
+{
+    for (const int child : {2 * node, 2 * node + 1})
+        if (child < m_leaves && m_nodes[static_cast<size_t>(child)].stale)
+            Refit(child);
+    Pull(node);
+}
+
+bool EarClippingEdgeIndex::JudgedRight(const t_h2dpoint& a, const t_h2dpoint& b) const
+{
+    const double width = m_x1 - m_x0, height = m_y1 - m_y0;
+    const double adx = std::fabs(double(b.x) - double(a.x)), ady = std::fabs(double(b.y) - double(a.y));
+    const auto right = [&](double dx, double dy, const t_h2dpoint& p) {
+        const double px = Farthest(p.x, m_x0, m_x1), py = Farthest(p.y, m_y0, m_y1);
+        const bool exact = m_integral && dx * py < c_dExactProduct && dy * px < c_dExactProduct;
+        return exact || c_dRound * (dx * py + dy * px) + c_dUnderflow <= c_dTolerance;
+    };
+    return right(adx, ady, a) && right(width, height, a) && right(width, height, b);
 }
 
 // Intersect (a, b, c, d) can be true only (DESIGN.md) when
@@ -178,6 +204,8 @@ bool EarClippingEdgeIndex::Prunable(const Node& node, const Query& q) const
     if (node.unbounded)
         return false;
     const double gap = std::max(std::max(q.x0 - node.x1, node.x0 - q.x1), std::max(q.y0 - node.y1, node.y0 - q.y1));
+    if (q.judgedRight && gap > 0)
+        return true;  // only (i) is left, and the boxes of the regions are apart
     if (q.length == 0)
         return gap > 0;  // a == b: every area against ab is exactly 0, so only Between can hold
     const double adx = std::fabs(q.dx), ady = std::fabs(q.dy);
@@ -244,7 +272,7 @@ bool EarClippingEdgeIndex::Prunable(const Node& node, const Query& q) const
     return crossingEnds == 0 || beyond(crossingEnds);
 }
 
-bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, int ib) const
+bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, int ib)
 {
     const t_h2dpoint a = m_points[static_cast<size_t>(ia)];
     const t_h2dpoint b = m_points[static_cast<size_t>(ib)];
@@ -264,25 +292,44 @@ bool EarClippingEdgeIndex::AnyEdgeHits(const CHSimpleBasisFcns& fcns, int ia, in
     q.dy = double(b.y) - double(a.y);
     q.length = std::sqrt(q.dx * q.dx + q.dy * q.dy);
     q.onLine = q.length > 0 ? OnLineArea(q.dx, q.dy) / q.length : 0;
+    q.judgedRight = JudgedRight(a, b);
+    // Nodes over an edge that ends in a or b hold a point of ab's reach region, so no test
+    // could skip them; they are opened untested (and need no fit).
+    const int ends[4] = {m_leaves + ia, m_leaves + m_prev[static_cast<size_t>(ia)], m_leaves + ib,
+                         m_leaves + m_prev[static_cast<size_t>(ib)]};
     int stack[64];
     int top = 0;
     stack[top++] = 1;
     while (top > 0) {
         const int node = stack[--top];
-        const Node& n = m_nodes[static_cast<size_t>(node)];
-        if (n.maxDx < 0)
-            continue;
-        if (node >= m_leaves) {
-            const int c = node - m_leaves;
-            const int d = m_next[static_cast<size_t>(c)];
-            if (c == ia || c == ib || d == ia || d == ib)
+        const int shift = m_depth + 1 - std::bit_width(static_cast<unsigned>(node));  // 0 at a leaf
+        const bool holdsEnd = (ends[0] >> shift) == node || (ends[1] >> shift) == node ||
+                              (ends[2] >> shift) == node || (ends[3] >> shift) == node;
+        if (!holdsEnd) {  // (a node holding an end holds a ring edge, so it is not empty)
+            const Node& n = m_nodes[static_cast<size_t>(node)];
+            if (n.maxDx < 0)
                 continue;
-            if (fcns.Intersect(a, b, m_points[static_cast<size_t>(c)], m_points[static_cast<size_t>(d)]))
-                return true;
+            if (n.stale) {
+                Refit(node);
+                if (n.maxDx < 0)
+                    continue;
+            }
+            if (Prunable(n, q))
+                continue;
+        }
+        if (shift <= c_iScanLevels) {
+            const int first = (node << shift) - m_leaves;
+            const int last = std::min(first + (1 << shift), static_cast<int>(m_next.size()));
+            for (int c = first; c < last; ++c) {
+                const int d = m_next[static_cast<size_t>(c)];
+                if (d < 0 || c == ia || c == ib || d == ia || d == ib)
+                    continue;
+                const t_h2dpoint pc = m_points[static_cast<size_t>(c)], pd = m_points[static_cast<size_t>(d)];
+                if (EarClippingEdgeHits(fcns, a, b, pc, pd, EarClippingArea(a, b, pc), EarClippingArea(a, b, pd)))
+                    return true;
+            }
             continue;
         }
-        if (Prunable(n, q))
-            continue;
         stack[top++] = 2 * node + 1;
         stack[top++] = 2 * node;
     }
