@@ -89,6 +89,54 @@ void unfilterPaethRow(const unsigned char* src, const unsigned char* above, size
     }
 }
 
+// Paeth rows undone side by side, so that their dependency chains overlap: row k waits
+// only for row k - 1 at the same column, so at step t row k is at column t - k (a
+// wavefront), and the K chains run in parallel (403 x 344 DEM, unfiltering 0.52 -> 0.25 ms
+// for K = 4; K = 8 is no faster).
+// Row k is src[k] (its filter bytes already read) into dst[k], below above (k = 0) or
+// dst[k - 1]; no row may overlap another's source.
+constexpr int kPaethWave = 4;
+
+void unfilterPaethRows(const unsigned char* const* src, const unsigned char* above, unsigned char* const* dst,
+                       int rows, size_t width)
+{
+    const unsigned char* up[kPaethWave];
+    int a[kPaethWave] = {};
+    for (int k = 0; k < rows; ++k)
+        up[k] = k == 0 ? above : dst[k - 1];
+    const auto step = [&](int k, size_t x) {
+        const int b = up[k][x];
+        if (x == 0) {
+            a[k] = static_cast<unsigned char>(src[k][0] + b);   // a = c = 0: the prediction is b
+        } else {
+            const int c = up[k][x - 1];
+            const int bc = b - c;
+            const int pa = std::abs(bc);
+            const int ac = a[k] - c;
+            const int pb = std::abs(ac), pc = std::abs(ac + bc);
+            const int bOrC = pb <= pc ? b : c;
+            const int prediction = pa <= pb && pa <= pc ? a[k] : bOrC;
+            a[k] = static_cast<unsigned char>(src[k][x] + prediction);
+        }
+        dst[k][x] = static_cast<unsigned char>(a[k]);
+    };
+    const size_t last = width + static_cast<size_t>(rows) - 1;
+    size_t t = 0;
+    // Columns where every row of a full wave is inside the image.
+    if (rows == kPaethWave) {
+        for (; t < static_cast<size_t>(kPaethWave) && t < width; ++t)
+            for (int k = 0; k <= static_cast<int>(t); ++k)
+                step(k, t - static_cast<size_t>(k));
+        for (; t < width; ++t)
+            for (int k = 0; k < kPaethWave; ++k)
+                step(k, t - static_cast<size_t>(k));
+    }
+    for (; t < last; ++t)
+        for (int k = 0; k < rows; ++k)
+            if (t >= static_cast<size_t>(k) && t - static_cast<size_t>(k) < width)
+                step(k, t - static_cast<size_t>(k));
+}
+
 // One row after its filter byte. above is null for the first row; dst may be src moved back
 // (in place), as each destination byte then lies before every source byte not yet read.
 bool unfilterRow(unsigned char filter, const unsigned char* src, const unsigned char* above, size_t width,
@@ -284,12 +332,29 @@ bool PngGrey8Rows::ReadRows(unsigned char* out, unsigned int rows)
             return false;
     }
     const bool first = m_rowsLeft == m_height;
-    for (size_t r = 0; r < rows; ++r) {
+    for (size_t r = 0; r < rows;) {
         const unsigned char* src = st.filtered.data() + r * (width + 1);
         unsigned char* dst = out + r * width;
         const unsigned char* above = r > 0 ? dst - width : first ? nullptr : st.above.data();
+        // Runs of Paeth rows below a row go as waves.
+        int wave = 0;
+        while (above && wave < kPaethWave && r + static_cast<size_t>(wave) < rows
+               && src[static_cast<size_t>(wave) * (width + 1)] == c_filterPaeth)
+            ++wave;
+        if (wave > 1) {
+            const unsigned char* waveSrc[kPaethWave];
+            unsigned char* waveDst[kPaethWave];
+            for (int k = 0; k < wave; ++k) {
+                waveSrc[k] = src + static_cast<size_t>(k) * (width + 1) + 1;
+                waveDst[k] = dst + static_cast<size_t>(k) * width;
+            }
+            unfilterPaethRows(waveSrc, above, waveDst, wave, width);
+            r += static_cast<size_t>(wave);
+            continue;
+        }
         if (!unfilterRow(src[0], src + 1, above, width, dst))
             return false;
+        ++r;
     }
     if (rows > 0)
         std::memcpy(st.above.data(), out + (rows - 1) * width, width);

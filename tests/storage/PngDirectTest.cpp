@@ -373,12 +373,16 @@ TEST(PngDirect, RowReaderGivesLibpngsRowsInAnyStepAndTellsLiteralOnlyStreams)
         Bytes written;
         qzsse::detail::PngDeflate used{};
         ASSERT_TRUE(qzsse::detail::WritePngGrey8Direct(pixels->data(), width, height, written, &used));
-        // Every filter, zlib's literal-only deflate.
-        const Bytes huffman = PngOfZlib(width, height, HuffmanOnlyZlib(Filtered(*pixels, width, height, {0, 1, 2, 3, 4})));
+        // zlib's literal-only deflate: every filter, and runs of Paeth rows of every length.
+        const auto huffman = [&](const std::vector<int>& filters) {
+            return PngOfZlib(width, height, HuffmanOnlyZlib(Filtered(*pixels, width, height, filters)));
+        };
         const struct {
-            const Bytes& file;
+            Bytes file;
             bool literalOnly;
-        } cases[] = {{written, used == qzsse::detail::PngDeflate::Literals}, {huffman, true}};
+        } cases[] = {{written, used == qzsse::detail::PngDeflate::Literals},
+                     {huffman({0, 1, 2, 3, 4}), true},
+                     {huffman({4, 4, 4, 4, 4, 4, 4, 2, 4, 4, 1, 4, 0, 4, 4, 4}), true}};
         for (const auto& c : cases) {
             unsigned w = 0, h = 0;
             ASSERT_EQ(ThroughLibpng(c.file, w, h), *pixels);
