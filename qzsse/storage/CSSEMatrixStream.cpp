@@ -24,8 +24,8 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
-#include "qzsse/storage/detail/JpegGreyRows.h"
 #include "qzsse/storage/detail/PassDecoding.h"
+#include "qzsse/storage/detail/PassImages.h"
 #include "qzsse/storage/detail/PngGrey8Direct.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
@@ -298,38 +298,7 @@ struct ReadPass {
     unsigned int width = 0;
     unsigned int height = 0;
     CString file;
-    std::unique_ptr<JpegGreyRows> jpegRows;
-    std::unique_ptr<PngGrey8Rows> pngRows;
-
-    bool byRows() const { return jpegRows || pngRows; }
-    bool readRows(unsigned char* out, unsigned rows) const
-    {
-        return jpegRows ? jpegRows->ReadRows(out, rows) : pngRows->ReadRows(out, rows);
-    }
-    bool finish() const { return jpegRows ? jpegRows->Finish() : pngRows->Finish(); }
-
-    // Opens a row reader when the payload has one and the image is width x height.
-    bool openRows(unsigned width, unsigned height)
-    {
-        const auto* data = reinterpret_cast<const unsigned char*>(file.data());
-        if (file.size() >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-            auto rows = std::make_unique<JpegGreyRows>();
-            if (rows->Open(data, file.size()) && rows->Width() == width && rows->Height() == height)
-                jpegRows = std::move(rows);
-        } else if (file.size() >= sizeof(c_pngSignature) && std::memcmp(data, c_pngSignature, sizeof(c_pngSignature)) == 0) {
-            // Bounded as the whole-image reader bounds it. Only literal-only streams: ISA-L is
-            // the faster inflate for them, libdeflate (whole images only) for streams with
-            // matches (4096 x 4096 first passes read by rows took 4 to 5 ms longer).
-            const unsigned long long maxBytes = std::min(c_ullMaxDecodedBytesPerPayloadByte * file.size(), MaxDecodedBytes());
-            auto rows = std::make_unique<PngGrey8Rows>();
-            if (rows->Open(data, file.size(), maxBytes) && rows->LiteralOnly() && rows->Width() == width
-                && rows->Height() == height)
-                pngRows = std::move(rows);
-        }
-        this->width = byRows() ? width : 0;
-        this->height = byRows() ? height : 0;
-        return byRows();
-    }
+    std::unique_ptr<PassImageRows> rows;
 };
 
 struct PassLookup {
@@ -457,7 +426,7 @@ bool sumFullSizePasses(CSSEMatrix& acc, std::vector<ReadPass>& passes)
     const size_t stride = static_cast<size_t>(acc.GetSizeX());
     size_t streamed = 0;
     for (const ReadPass& p : passes)
-        streamed += p.byRows() ? 1 : 0;
+        streamed += p.rows ? 1 : 0;
     std::vector<unsigned char> strips(streamed * stride * kStripRows);
     std::vector<unsigned char*> stripOf(passes.size(), nullptr);
     size_t nextStrip = 0;
@@ -465,9 +434,9 @@ bool sumFullSizePasses(CSSEMatrix& acc, std::vector<ReadPass>& passes)
         const ReadPass& p = passes[k];
         const __m128 inv = _mm_set1_ps(p.invalid);
         const auto* uniform = dynamic_cast<const RyFloatingPointQuantizationUniform*>(p.q.get());
-        if (p.byRows())
+        if (p.rows)
             stripOf[k] = strips.data() + stride * kStripRows * nextStrip++;
-        lookups.push_back({CodeValues(*p.q), p.byRows() ? stripOf[k] : p.codes.data(), 0, nullptr, inv, _mm_cmpunord_ps(inv, inv),
+        lookups.push_back({CodeValues(*p.q), p.rows ? stripOf[k] : p.codes.data(), 0, nullptr, inv, _mm_cmpunord_ps(inv, inv),
                            _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0)),
                            _mm_set1_ps(uniform ? uniform->GetMin() : 0.0f),
                            _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
@@ -488,40 +457,26 @@ bool sumFullSizePasses(CSSEMatrix& acc, std::vector<ReadPass>& passes)
         const int y = 4 * j;
         const int rows = std::clamp(height - y, 0, kStripRows);
         for (size_t k = 0; k < passes.size(); ++k) {
-            if (!passes[k].byRows() || rows == 0)
+            if (!passes[k].rows || rows == 0)
                 continue;
-            if (!passes[k].readRows(stripOf[k], static_cast<unsigned>(rows)))
+            if (!passes[k].rows->ReadRows(stripOf[k], static_cast<unsigned>(rows)))
                 return false;
             lookups[k].firstRow = static_cast<size_t>(y);
         }
         sumBands(acc, lookups, allUniform, anyInvalid, j, std::min(bands, j + kStripRows / 4));
     }
     for (ReadPass& p : passes)
-        if (p.byRows() && !p.finish())
+        if (p.rows && !p.rows->Finish())
             return false;
     return true;
 }
 
-// The 8-bit codes of an encoded image, as CSSEMatrix::decode(stream, 8, ...) gives them, but
-// kept in the decoder's buffer instead of copied.
-std::vector<unsigned char> decodePassCodes(const CString& file, unsigned int& width, unsigned int& height)
+// The codes of a pass's payload, which is released.
+std::vector<unsigned char> decodePassCodes(CString& file, unsigned int& width, unsigned int& height)
 {
-    width = 0;
-    height = 0;
-    DecodedImage image = DecodeImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
-    if (image.width == 0 || image.height == 0 || !DecodedSizeAllowed(image.width, image.height, 8, image.maxBytes))
-        return {};
-    width = image.width;
-    height = image.height;
-    if (image.pixels.empty() || image.bitsPerPixel > 8)
-        return {};
-    if (image.bitsPerPixel == 8)
-        return std::move(image.pixels);
-    // Narrower frames keep their own rows, each at the start of a row of width bytes.
-    const size_t frameStride = (static_cast<size_t>(image.width) * image.bitsPerPixel + 7) / 8;
-    std::vector<unsigned char> codes(static_cast<size_t>(image.width) * image.height, 0);
-    for (size_t y = 0; y < image.height; ++y)
-        std::memcpy(codes.data() + y * image.width, image.pixels.data() + y * frameStride, frameStride);
+    std::vector<unsigned char> codes =
+        DecodePassCodes(reinterpret_cast<const unsigned char*>(file.data()), file.size(), width, height);
+    CString().swap(file);
     return codes;
 }
 
@@ -767,10 +722,16 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
             const auto readPass = [&](qzsse::detail::ReadPass& p, bool byRows) {
                 p.q = createQuantizer(stream, version, p.hasInvalid, p.invalid);
                 p.file = stream.ReadString();
-                if (byRows && p.openRows(static_cast<unsigned>(m_SizeX), static_cast<unsigned>(m_SizeY)))
-                    return true;
+                if (byRows) {
+                    p.rows = std::make_unique<qzsse::detail::PassImageRows>();
+                    p.width = static_cast<unsigned>(m_SizeX);
+                    p.height = static_cast<unsigned>(m_SizeY);
+                    if (p.rows->Open(reinterpret_cast<const unsigned char*>(p.file.data()), p.file.size(), p.width,
+                                     p.height))
+                        return true;
+                    p.rows.reset();
+                }
                 p.codes = qzsse::detail::decodePassCodes(p.file, p.width, p.height);
-                CString().swap(p.file);
                 // The writer's own pass images have its matrix's size; a reader's are bounded too.
                 if (!p.codes.empty())
                     qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", p.width, p.height,
@@ -823,12 +784,10 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
                     // streamed passes are decoded whole, as any other.
                     for (unsigned int k = 0; k < passes; ++k) {
                         qzsse::detail::ReadPass& p = read[k];
-                        if (!p.byRows())
+                        if (!p.rows)
                             continue;
-                        p.jpegRows.reset();
-                        p.pngRows.reset();
+                        p.rows.reset();
                         p.codes = qzsse::detail::decodePassCodes(p.file, p.width, p.height);
-                        CString().swap(p.file);
                         fullSize[k] = fullSizeCodes(p);
                     }
                     summed = allFullSize() && qzsse::detail::sumFullSizePasses(*this, read);
