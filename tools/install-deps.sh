@@ -5,7 +5,7 @@
 # CGAL the geometry tests' independent hulls and Delaunay triangulations and their benchmark peer,
 # OpenCV (with its contrib modules, for thinning) the matrix filters' oracle and benchmark peer,
 # clang the second compiler CI builds with, Clipper the polygon booleans and offsets,
-# libdeflate and zlib the direct PNG payloads of the matrix passes).
+# libdeflate, ISA-L and zlib the direct PNG payloads of the matrix passes).
 # Safe to run again: installed packages are left alone and apt is not touched when
 # nothing is missing.
 set -euo pipefail
@@ -20,6 +20,7 @@ packages=(
   libbenchmark-dev
   libpng-dev
   libdeflate-dev
+  libisal-dev
   zlib1g-dev
   libjpeg62-turbo-dev
   libtiff-dev

@@ -25,6 +25,7 @@
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
 #include "qzsse/storage/detail/PassDecoding.h"
+#include "qzsse/storage/detail/PassImages.h"
 #include "qzsse/storage/detail/PngGrey8Direct.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
@@ -286,7 +287,9 @@ void applyPassCodes(CSSEMatrix& acc, CSSEMatrix* settled, const unsigned char* c
     }
 }
 
-// A pass as the reader has it before applying it.
+// A pass as the reader has it before applying it: its codes, or for a pass of the matrix's
+// size that can be read by rows its payload and a row reader, so that it is decoded during
+// the sweep.
 struct ReadPass {
     std::unique_ptr<RyFloatingPointQuantization> q;
     bool hasInvalid = false;
@@ -294,92 +297,84 @@ struct ReadPass {
     std::vector<unsigned char> codes;
     unsigned int width = 0;
     unsigned int height = 0;
+    CString file;
+    std::unique_ptr<PassImageRows> rows;
 };
 
 struct PassLookup {
     CodeValues table;
-    const unsigned char* codes;
+    const unsigned char* codes;   // row firstRow of the pass image
+    size_t firstRow;
+    const unsigned char* band;    // row 4 j, for band j being summed
     __m128 invalid, invalidIsNaN, checkInvalid;
     __m128 min, factor;   // of a uniform quantiser
 };
 
-// Four code rows of 16 columns each as the values of the plain uniform quantiser,
-// min + code / factor (its Unmap, the same operations lane by lane), summed over the passes
-// into 16 band vectors. Returns the first column not done.
-int sumUniformBlocks(__m128* band, const PassLookup* lookups, size_t passCount, size_t first, size_t stride,
-                     int width)
+// Rows of a pass read by rows decoded per strip: small enough to stay in the second-level
+// cache, a multiple of the four rows of a band.
+constexpr int kStripRows = 16;
+
+// Four codes of a row as floats.
+inline __m128 fourCodes(const unsigned char* p)
 {
+    int bytes = 0;
+    std::memcpy(&bytes, p, 4);
     const __m128i zero = _mm_setzero_si128();
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), zero), zero));
+}
+
+// Four code rows as the values of the plain uniform quantiser, min + code / factor (its
+// Unmap, the same operations lane by lane), summed over the passes into the band, four
+// columns at a time (the divisions bound it; wider steps spill registers). Returns the
+// first column not done.
+int sumUniformBlocks(__m128* band, const PassLookup* lookups, size_t passCount, size_t stride, int width)
+{
     int x = 0;
-    for (; x + 16 <= width; x += 16) {
-        __m128 sum[16];
-        for (__m128& v : sum)
-            v = _mm_setzero_ps();
+    for (; x + 4 <= width; x += 4) {
+        __m128 sum0 = _mm_setzero_ps(), sum1 = sum0, sum2 = sum0, sum3 = sum0;
         for (size_t k = 0; k < passCount; ++k) {
             const PassLookup& l = lookups[k];
-            __m128 values[4][4];   // [row][group of four columns]
-            for (int r = 0; r < 4; ++r) {
-                const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(
-                    l.codes + first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)));
-                const __m128i low = _mm_unpacklo_epi8(bytes, zero);
-                const __m128i high = _mm_unpackhi_epi8(bytes, zero);
-                const __m128i words[4] = {_mm_unpacklo_epi16(low, zero), _mm_unpackhi_epi16(low, zero),
-                                          _mm_unpacklo_epi16(high, zero), _mm_unpackhi_epi16(high, zero)};
-                for (int g = 0; g < 4; ++g)
-                    values[r][g] = _mm_add_ps(l.min, _mm_div_ps(_mm_cvtepi32_ps(words[g]), l.factor));
-            }
-            for (int g = 0; g < 4; ++g) {
-                __m128 c0 = values[0][g], c1 = values[1][g], c2 = values[2][g], c3 = values[3][g];
-                _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
-                sum[4 * g] = _mm_add_ps(sum[4 * g], c0);
-                sum[4 * g + 1] = _mm_add_ps(sum[4 * g + 1], c1);
-                sum[4 * g + 2] = _mm_add_ps(sum[4 * g + 2], c2);
-                sum[4 * g + 3] = _mm_add_ps(sum[4 * g + 3], c3);
-            }
+            const unsigned char* codes = l.band + static_cast<size_t>(x);
+            __m128 c0 = _mm_add_ps(l.min, _mm_div_ps(fourCodes(codes), l.factor));
+            __m128 c1 = _mm_add_ps(l.min, _mm_div_ps(fourCodes(codes + stride), l.factor));
+            __m128 c2 = _mm_add_ps(l.min, _mm_div_ps(fourCodes(codes + 2 * stride), l.factor));
+            __m128 c3 = _mm_add_ps(l.min, _mm_div_ps(fourCodes(codes + 3 * stride), l.factor));
+            _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
+            sum0 = _mm_add_ps(sum0, c0);
+            sum1 = _mm_add_ps(sum1, c1);
+            sum2 = _mm_add_ps(sum2, c2);
+            sum3 = _mm_add_ps(sum3, c3);
         }
-        for (int i = 0; i < 16; ++i)
-            band[x + i] = sum[i];
+        band[x] = sum0;
+        band[x + 1] = sum1;
+        band[x + 2] = sum2;
+        band[x + 3] = sum3;
     }
     return x;
 }
 
-// The passes applied one after the other from a zero matrix (applyPass) in one sweep over
-// acc, when every pass image has acc's size: each lane sums its passes until one settles it,
-// so no settled mask and no intermediate sum is stored. acc is written, not read.
-void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
+// Bands jBegin to jEnd of sumFullSizePasses, from the codes the lookups point at.
+void sumBands(CSSEMatrix& acc, std::vector<PassLookup>& lookups, bool allUniform, bool anyInvalid, int jBegin,
+              int jEnd)
 {
-    std::vector<PassLookup> lookups;
-    lookups.reserve(passes.size());
-    for (const ReadPass& p : passes) {
-        const __m128 inv = _mm_set1_ps(p.invalid);
-        const auto* uniform = dynamic_cast<const RyFloatingPointQuantizationUniform*>(p.q.get());
-        lookups.push_back({CodeValues(*p.q), p.codes.data(), inv, _mm_cmpunord_ps(inv, inv),
-                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0)),
-                           _mm_set1_ps(uniform ? uniform->GetMin() : 0.0f),
-                           _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
-    }
-    const bool allUniform = std::all_of(passes.begin(), passes.end(), [](const ReadPass& p) {
-        const RyFloatingPointQuantization& q = *p.q;
-        return typeid(q) == typeid(RyFloatingPointQuantizationUniform);
-    });
-    // Without invalid values nothing settles: plain sums.
-    const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
     const __m128 zero = _mm_setzero_ps();
     const int width = acc.GetSizeX();
     const int height = acc.GetSizeY();
     const size_t stride = static_cast<size_t>(width);
     __m128** a = acc.GetMatrixDataDirectly();
-    for (int j = 0; j < acc.GetSSESizeY(); ++j) {
+    for (int j = jBegin; j < jEnd; ++j) {
         const int rows = std::clamp(height - 4 * j, 0, 4);
-        const size_t first = static_cast<size_t>(4 * j) * stride;
         int x = 0;
+        if (rows > 0)
+            for (PassLookup& l : lookups)
+                l.band = l.codes + (static_cast<size_t>(4 * j) - l.firstRow) * stride;
         if (rows == 4 && !anyInvalid) {
             if (allUniform)
-                x = sumUniformBlocks(a[j], lookups.data(), lookups.size(), first, stride, width);
+                x = sumUniformBlocks(a[j], lookups.data(), lookups.size(), stride, width);
             for (; x < width; ++x) {
                 __m128 sum = zero;
                 for (const PassLookup& l : lookups) {
-                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const unsigned char* row = l.band + static_cast<size_t>(x);
                     const float* v = l.table.values;
                     sum = _mm_add_ps(sum, _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]));
                 }
@@ -390,7 +385,7 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
                 __m128 sum = zero;
                 __m128 settled = zero;
                 for (const PassLookup& l : lookups) {
-                    const unsigned char* row = l.codes + first + static_cast<size_t>(x);
+                    const unsigned char* row = l.band + static_cast<size_t>(x);
                     const float* v = l.table.values;
                     const __m128 tv = _mm_setr_ps(v[row[0]], v[row[stride]], v[row[2 * stride]], v[row[3 * stride]]);
                     sum = select(settled, sum, _mm_add_ps(sum, tv));
@@ -405,7 +400,7 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
                 for (const PassLookup& l : lookups) {
                     alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
                     for (int r = 0; r < rows; ++r)
-                        lanes[r] = l.table.values[l.codes[first + static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                        lanes[r] = l.table.values[l.band[static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
                     const __m128 tv = _mm_load_ps(lanes);
                     sum = select(settled, sum, _mm_add_ps(sum, tv));
                     settled = _mm_or_ps(settled, _mm_and_ps(equalsInvalid(tv, l.invalid, l.invalidIsNaN), l.checkInvalid));
@@ -419,27 +414,69 @@ void sumFullSizePasses(CSSEMatrix& acc, const std::vector<ReadPass>& passes)
     }
 }
 
-// The 8-bit codes of an encoded image on the stream, as CSSEMatrix::decode(stream, 8, ...)
-// gives them, but kept in the decoder's buffer instead of copied.
-std::vector<unsigned char> readPassCodes(RbStreamReadBinary& stream, unsigned int& width, unsigned int& height)
+// The passes applied one after the other from a zero matrix (applyPass) in one sweep over
+// acc, when every pass image has acc's size: each lane sums its passes until one settles it,
+// so no settled mask and no intermediate sum is stored. acc is written, not read. Passes read
+// by rows are decoded a strip at a time just before their bands are summed; false when one
+// of them fails (acc then holds part of the sum, and the passes must be decoded whole).
+bool sumFullSizePasses(CSSEMatrix& acc, std::vector<ReadPass>& passes)
 {
-    width = 0;
-    height = 0;
-    const CString file = stream.ReadString();
-    DecodedImage image = DecodeImage(reinterpret_cast<const unsigned char*>(file.data()), file.size());
-    if (image.width == 0 || image.height == 0 || !DecodedSizeAllowed(image.width, image.height, 8, image.maxBytes))
-        return {};
-    width = image.width;
-    height = image.height;
-    if (image.pixels.empty() || image.bitsPerPixel > 8)
-        return {};
-    if (image.bitsPerPixel == 8)
-        return std::move(image.pixels);
-    // Narrower frames keep their own rows, each at the start of a row of width bytes.
-    const size_t frameStride = (static_cast<size_t>(image.width) * image.bitsPerPixel + 7) / 8;
-    std::vector<unsigned char> codes(static_cast<size_t>(image.width) * image.height, 0);
-    for (size_t y = 0; y < image.height; ++y)
-        std::memcpy(codes.data() + y * image.width, image.pixels.data() + y * frameStride, frameStride);
+    std::vector<PassLookup> lookups;
+    lookups.reserve(passes.size());
+    const size_t stride = static_cast<size_t>(acc.GetSizeX());
+    size_t streamed = 0;
+    for (const ReadPass& p : passes)
+        streamed += p.rows ? 1 : 0;
+    std::vector<unsigned char> strips(streamed * stride * kStripRows);
+    std::vector<unsigned char*> stripOf(passes.size(), nullptr);
+    size_t nextStrip = 0;
+    for (size_t k = 0; k < passes.size(); ++k) {
+        const ReadPass& p = passes[k];
+        const __m128 inv = _mm_set1_ps(p.invalid);
+        const auto* uniform = dynamic_cast<const RyFloatingPointQuantizationUniform*>(p.q.get());
+        if (p.rows)
+            stripOf[k] = strips.data() + stride * kStripRows * nextStrip++;
+        lookups.push_back({CodeValues(*p.q), p.rows ? stripOf[k] : p.codes.data(), 0, nullptr, inv, _mm_cmpunord_ps(inv, inv),
+                           _mm_castsi128_ps(_mm_set1_epi32(p.hasInvalid ? -1 : 0)),
+                           _mm_set1_ps(uniform ? uniform->GetMin() : 0.0f),
+                           _mm_set1_ps(uniform ? uniform->GetFactor() : 1.0f)});
+    }
+    const bool allUniform = std::all_of(passes.begin(), passes.end(), [](const ReadPass& p) {
+        const RyFloatingPointQuantization& q = *p.q;
+        return typeid(q) == typeid(RyFloatingPointQuantizationUniform);
+    });
+    // Without invalid values nothing settles: plain sums.
+    const bool anyInvalid = std::any_of(passes.begin(), passes.end(), [](const ReadPass& p) { return p.hasInvalid; });
+    const int bands = acc.GetSSESizeY();
+    if (streamed == 0) {
+        sumBands(acc, lookups, allUniform, anyInvalid, 0, bands);
+        return true;
+    }
+    const int height = acc.GetSizeY();
+    for (int j = 0; j < bands; j += kStripRows / 4) {
+        const int y = 4 * j;
+        const int rows = std::clamp(height - y, 0, kStripRows);
+        for (size_t k = 0; k < passes.size(); ++k) {
+            if (!passes[k].rows || rows == 0)
+                continue;
+            if (!passes[k].rows->ReadRows(stripOf[k], static_cast<unsigned>(rows)))
+                return false;
+            lookups[k].firstRow = static_cast<size_t>(y);
+        }
+        sumBands(acc, lookups, allUniform, anyInvalid, j, std::min(bands, j + kStripRows / 4));
+    }
+    for (ReadPass& p : passes)
+        if (p.rows && !p.rows->Finish())
+            return false;
+    return true;
+}
+
+// The codes of a pass's payload, which is released.
+std::vector<unsigned char> decodePassCodes(CString& file, unsigned int& width, unsigned int& height)
+{
+    std::vector<unsigned char> codes =
+        DecodePassCodes(reinterpret_cast<const unsigned char*>(file.data()), file.size(), width, height);
+    CString().swap(file);
     return codes;
 }
 
@@ -676,16 +713,30 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
         // A stream that breaks off before the first pass was applied leaves zeros, not
         // whatever the new storage held.
         try {
-            const auto readPass = [&](qzsse::detail::ReadPass& p) {
+            const auto fullSizeCodes = [&](const qzsse::detail::ReadPass& p) {
+                return p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
+                       && static_cast<unsigned long long>(p.codes.size())
+                              == static_cast<unsigned long long>(p.width) * p.height;
+            };
+            // byRows: a pass of the matrix's size may be left to the sweep to decode.
+            const auto readPass = [&](qzsse::detail::ReadPass& p, bool byRows) {
                 p.q = createQuantizer(stream, version, p.hasInvalid, p.invalid);
-                p.codes = qzsse::detail::readPassCodes(stream, p.width, p.height);
+                p.file = stream.ReadString();
+                if (byRows) {
+                    p.rows = std::make_unique<qzsse::detail::PassImageRows>();
+                    p.width = static_cast<unsigned>(m_SizeX);
+                    p.height = static_cast<unsigned>(m_SizeY);
+                    if (p.rows->Open(reinterpret_cast<const unsigned char*>(p.file.data()), p.file.size(), p.width,
+                                     p.height))
+                        return true;
+                    p.rows.reset();
+                }
+                p.codes = qzsse::detail::decodePassCodes(p.file, p.width, p.height);
                 // The writer's own pass images have its matrix's size; a reader's are bounded too.
                 if (!p.codes.empty())
                     qzsse::detail::CheckMatrixSizeWithinLimit("CSSEMatrix pass image", p.width, p.height,
                                                               stream.GetOffset());
-                return p.width == static_cast<unsigned>(m_SizeX) && p.height == static_cast<unsigned>(m_SizeY)
-                       && static_cast<unsigned long long>(p.codes.size())
-                              == static_cast<unsigned long long>(p.width) * p.height;
+                return fullSizeCodes(p);
             };
             // Pass by pass, settled elements marked in a matrix.
             CSSEMatrix settled;
@@ -723,9 +774,25 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
                 std::vector<qzsse::detail::ReadPass> read(passes);
                 std::vector<char> fullSize(passes);
                 for (unsigned int k = 0; k < passes; ++k)
-                    fullSize[k] = readPass(read[k]);
-                if (passes > 0 && std::all_of(fullSize.begin(), fullSize.end(), [](char f) { return f != 0; })) {
-                    qzsse::detail::sumFullSizePasses(*this, read);
+                    fullSize[k] = readPass(read[k], true);
+                const auto allFullSize = [&] {
+                    return passes > 0 && std::all_of(fullSize.begin(), fullSize.end(), [](char f) { return f != 0; });
+                };
+                bool summed = allFullSize() && qzsse::detail::sumFullSizePasses(*this, read);
+                if (!summed) {
+                    // A streamed pass failed, or another pass is not of the matrix's size: the
+                    // streamed passes are decoded whole, as any other.
+                    for (unsigned int k = 0; k < passes; ++k) {
+                        qzsse::detail::ReadPass& p = read[k];
+                        if (!p.rows)
+                            continue;
+                        p.rows.reset();
+                        p.codes = qzsse::detail::decodePassCodes(p.file, p.width, p.height);
+                        fullSize[k] = fullSizeCodes(p);
+                    }
+                    summed = allFullSize() && qzsse::detail::sumFullSizePasses(*this, read);
+                }
+                if (summed) {
                     fresh = false;
                 } else {
                     for (unsigned int k = 0; k < passes; ++k)
@@ -735,7 +802,7 @@ void CSSEMatrix::serialize(RbStreamReadBinary& stream, unsigned int version)
                 // Longer entries keep one pass in memory at a time.
                 for (unsigned int k = 0; k < passes; ++k) {
                     qzsse::detail::ReadPass p;
-                    const bool full = readPass(p);
+                    const bool full = readPass(p, false);
                     applyOne(p, full);
                 }
             }

@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <csetjmp>
+#include <memory>
 #include <cstdio>
 
 // jpeglib.h expects FILE and size_t to be declared before it.
 #include <jpeglib.h>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/JpegGreyRows.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
 
 namespace qzsse::detail {
@@ -40,13 +42,22 @@ struct JpegReadHandle {
     ~JpegReadHandle() { jpeg_destroy_decompress(&info); }
 };
 
-bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
+// Rows asked for per call: the codec returns at most one row group (8 or 16 rows) a call,
+// and fewer calls spare its per-call work.
+constexpr JDIMENSION kRowsPerRead = 16;
+
+void installJpegErrorHandlers(JpegReadHandle& h)
 {
-    JpegReadHandle h;
     h.info.err = jpeg_std_error(&h.error.base);
     h.error.base.error_exit = jumpOnJpegReadError;
     h.error.base.emit_message = jumpOnJpegWarning;
     h.error.base.output_message = ignoreJpegMessage;
+}
+
+bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
+{
+    JpegReadHandle h;
+    installJpegErrorHandlers(h);
     if (setjmp(h.error.jump))
         return false;
 
@@ -65,15 +76,92 @@ bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
     jpeg_start_decompress(&h.info);
     const size_t stride = static_cast<size_t>(h.info.output_width) * h.info.output_components;
     image.pixels.assign(stride * h.info.output_height, 0);
+    JSAMPROW rows[kRowsPerRead];
     while (h.info.output_scanline < h.info.output_height) {
-        JSAMPROW row = image.pixels.data() + stride * h.info.output_scanline;
-        jpeg_read_scanlines(&h.info, &row, 1);
+        const JDIMENSION first = h.info.output_scanline;
+        const JDIMENSION count = std::min<JDIMENSION>(kRowsPerRead, h.info.output_height - first);
+        for (JDIMENSION r = 0; r < count; ++r)
+            rows[r] = image.pixels.data() + stride * (first + r);
+        jpeg_read_scanlines(&h.info, rows, count);
     }
     jpeg_finish_decompress(&h.info);
     return true;
 }
 
 } // namespace
+
+struct JpegGreyRows::State {
+    JpegReadHandle h;
+    bool started = false;
+};
+
+JpegGreyRows::JpegGreyRows() = default;
+JpegGreyRows::~JpegGreyRows() = default;
+
+bool JpegGreyRows::Open(const unsigned char* data, size_t size)
+{
+    m_state = std::make_unique<State>();
+    JpegReadHandle& h = m_state->h;
+    installJpegErrorHandlers(h);
+    if (setjmp(h.error.jump))
+        return false;
+    jpeg_create_decompress(&h.info);
+    jpeg_mem_src(&h.info, data, static_cast<unsigned long>(size));
+    if (jpeg_read_header(&h.info, TRUE) != JPEG_HEADER_OK)
+        return false;
+    jpeg_calc_output_dimensions(&h.info);
+    const unsigned long long maxBytes = std::min(c_ullMaxDecodedBytesPerPayloadByte * size, MaxDecodedBytes());
+    if (h.info.out_color_components != 1
+        || !DecodedSizeAllowed(h.info.output_width, h.info.output_height, 8, maxBytes))
+        return false;
+    jpeg_start_decompress(&h.info);
+    m_state->started = true;
+    return true;
+}
+
+unsigned int JpegGreyRows::Width() const { return m_state->h.info.output_width; }
+unsigned int JpegGreyRows::Height() const { return m_state->h.info.output_height; }
+
+bool JpegGreyRows::ReadRows(unsigned char* out, unsigned int rows)
+{
+    if (!m_state || !m_state->started)
+        return false;
+    JpegReadHandle& h = m_state->h;
+    if (rows > h.info.output_height - h.info.output_scanline)
+        return false;
+    if (setjmp(h.error.jump)) {
+        m_state->started = false;
+        return false;
+    }
+    const size_t stride = h.info.output_width;
+    JSAMPROW pointers[kRowsPerRead];
+    for (unsigned int done = 0; done < rows;) {
+        const unsigned int count = std::min<unsigned int>(kRowsPerRead, rows - done);
+        for (unsigned int r = 0; r < count; ++r)
+            pointers[r] = out + stride * (done + r);
+        const JDIMENSION read = jpeg_read_scanlines(&h.info, pointers, count);
+        if (read == 0) {
+            m_state->started = false;
+            return false;
+        }
+        done += read;
+    }
+    return true;
+}
+
+bool JpegGreyRows::Finish()
+{
+    if (!m_state || !m_state->started)
+        return false;
+    JpegReadHandle& h = m_state->h;
+    m_state->started = false;
+    if (h.info.output_scanline != h.info.output_height)
+        return false;
+    if (setjmp(h.error.jump))
+        return false;
+    jpeg_finish_decompress(&h.info);
+    return true;
+}
 
 DecodedImage DecodeJpeg(const unsigned char* data, size_t size)
 {

@@ -1,4 +1,5 @@
 #include <cfloat>
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <cmath>
@@ -6,6 +7,7 @@
 #include <stdexcept>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -582,4 +584,96 @@ TEST(MatrixFile, DamagedAndNewerFilesThrowStreamErrors)
     WriteFileBytes(path, file);
     CSSEMatrix back;
     EXPECT_THROW(back.Load(path), RbStreamException);
+}
+
+namespace {
+
+// The matrix a reader must build from a version-4 stream, element by element from its fields:
+// each pass's codes as DecodeImage gives them (a pass it cannot decode adds nothing), summed
+// until a pass brings the invalid value. Counts the literal-only PNG passes in literalOnly.
+std::vector<float> SumOfPasses(const Bytes& stream, size_t pixels, int& literalOnly)
+{
+    std::vector<float> expected(pixels, 0.0f);
+    std::vector<bool> settled(pixels, false);
+    for (const Pass& p : ParsePasses(stream)) {
+        if (IsPng(p.image) && (p.image.at(8 + 25 + 8 + 2) & 0xFE) == 0x04)
+            ++literalOnly;
+        const qzsse::detail::DecodedImage codes = qzsse::detail::DecodeImage(p.image.data(), p.image.size());
+        if (codes.pixels.size() != pixels)
+            continue;
+        for (size_t i = 0; i < pixels; ++i) {
+            const unsigned code = codes.pixels[i];
+            const float t = p.withInvalid && code == 255 ? p.invalid : p.min + static_cast<float>(code) / p.factor;
+            if (!settled[i])
+                expected[i] += t;
+            if (p.withInvalid && SameValue(t, p.invalid))
+                settled[i] = true;
+        }
+    }
+    return expected;
+}
+
+void ExpectSameFloats(const std::vector<float>& got, const std::vector<float>& expected, const std::string& what)
+{
+    ASSERT_EQ(got.size(), expected.size()) << what;
+    for (size_t i = 0; i < expected.size(); ++i)
+        ASSERT_TRUE(SameValue(got[i], expected[i]) && std::signbit(got[i]) == std::signbit(expected[i]))
+            << what << " at " << i << ": " << got[i] << " vs " << expected[i];
+}
+
+// Bytes of `stream` from the middle of its pass `k` image on, damaged so that its decoder
+// fails part way: a JPEG gets an end-of-image marker inside its scan, a PNG a changed
+// byte inside its deflate stream, with the chunk's CRC made right again.
+Bytes DamagePassMidway(Bytes stream, size_t k)
+{
+    const Pass p = ParsePasses(stream).at(k);
+    const auto at = static_cast<size_t>(std::search(stream.begin(), stream.end(), p.image.begin(), p.image.end()) - stream.begin());
+    const size_t middle = at + p.image.size() / 2;
+    if (!IsPng(p.image)) {
+        stream.at(middle) = 0xFF;
+        stream.at(middle + 1) = 0xD9;
+        return stream;
+    }
+    stream.at(middle) ^= 0x5A;
+    const size_t idat = at + 8 + 25;
+    const size_t length = static_cast<size_t>(stream.at(idat)) << 24 | stream.at(idat + 1) << 16 | stream.at(idat + 2) << 8
+                          | stream.at(idat + 3);
+    const auto crc = static_cast<std::uint32_t>(crc32(0, stream.data() + idat + 4, static_cast<uInt>(length + 4)));
+    for (int i = 0; i < 4; ++i)
+        stream.at(idat + 8 + length + static_cast<size_t>(i)) = static_cast<unsigned char>(crc >> (24 - 8 * i));
+    return stream;
+}
+
+} // namespace
+
+TEST(MatrixStreamPasses, PassesReadByRowsGiveTheSumOfTheirPassesAcrossStripsAndAfterDamage)
+{
+    // 45 rows: strips of 16, 16 and 13 rows, the last band partial; 37 columns: a tail
+    // after the four-column steps.
+    const CSSEMatrix surface = Surface(37, 45, 11);
+    int literalOnly = 0;
+    int damagedChecked = 0;
+    for (int method : {1, 2, 3})
+        for (unsigned passes : {1u, 2u, 3u})
+            for (float bound : {0.0f, 0.5f}) {
+                const Bytes bytes = StreamBytes(Coded(surface, method, passes, bound));
+                const std::string what = std::to_string(method) + " " + std::to_string(passes) + " " + std::to_string(bound);
+                CSSEMatrix back;
+                ReadStream(back, bytes);
+                ExpectSameFloats(Pixels(back), SumOfPasses(bytes, 37 * 45, literalOnly), what);
+                // A pass failing part way through adds nothing, as when it fails at once.
+                for (size_t k = 0; k < passes; ++k) {
+                    const Bytes damaged = DamagePassMidway(bytes, k);
+                    const Pass p = ParsePasses(damaged).at(k);
+                    if (!qzsse::detail::DecodeImage(p.image.data(), p.image.size()).pixels.empty())
+                        continue;   // the change happened to leave a valid stream
+                    ++damagedChecked;
+                    CSSEMatrix used = Surface(37, 45, 1);
+                    ReadStream(used, damaged);
+                    int ignored = 0;
+                    ExpectSameFloats(Pixels(used), SumOfPasses(damaged, 37 * 45, ignored), what + " damaged pass " + std::to_string(k));
+                }
+            }
+    EXPECT_GT(literalOnly, 0);
+    EXPECT_GT(damagedChecked, 20);
 }

@@ -310,3 +310,116 @@ TEST(PngDirect, WrittenRowsAreTheReferenceFilterOfTheirFilterByte)
     EXPECT_GT(paethImages, 0);
     EXPECT_GT(upImages, 0);
 }
+
+namespace {
+
+// zlib's literal-only deflate (Huffman codes, no matches) of raw, independently of our writer.
+Bytes HuffmanOnlyZlib(const Bytes& raw)
+{
+    z_stream z{};
+    EXPECT_EQ(deflateInit2(&z, 6, Z_DEFLATED, 15, 8, Z_HUFFMAN_ONLY), Z_OK);
+    Bytes out(deflateBound(&z, static_cast<uLong>(raw.size())));
+    z.next_in = const_cast<unsigned char*>(raw.data());
+    z.avail_in = static_cast<uInt>(raw.size());
+    z.next_out = out.data();
+    z.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    return out;
+}
+
+Bytes PngOfZlib(unsigned width, unsigned height, const Bytes& zlib)
+{
+    Bytes file = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
+    Bytes ihdr;
+    PutU32(ihdr, width);
+    PutU32(ihdr, height);
+    ihdr.insert(ihdr.end(), {8, 0, 0, 0, 0});
+    PutChunk(file, "IHDR", ihdr);
+    PutChunk(file, "IDAT", zlib);
+    PutChunk(file, "IEND", {});
+    return file;
+}
+
+// The rows of file through PngGrey8Rows, `step` rows per call; empty when it refuses them.
+Bytes ByRows(const Bytes& file, unsigned step, bool* literalOnly = nullptr)
+{
+    qzsse::detail::PngGrey8Rows rows;
+    if (!rows.Open(file.data(), file.size(), 1ull << 30))
+        return {};
+    if (literalOnly)
+        *literalOnly = rows.LiteralOnly();
+    Bytes pixels(static_cast<size_t>(rows.Width()) * rows.Height());
+    for (unsigned y = 0; y < rows.Height(); y += step) {
+        const unsigned n = std::min(step, rows.Height() - y);
+        if (!rows.ReadRows(pixels.data() + static_cast<size_t>(y) * rows.Width(), n))
+            return {};
+    }
+    return rows.Finish() ? pixels : Bytes{};
+}
+
+} // namespace
+
+TEST(PngDirect, RowReaderGivesLibpngsRowsInAnyStepAndTellsLiteralOnlyStreams)
+{
+    const unsigned width = 700, height = 500;
+    Bytes smooth(width * height);
+    for (unsigned y = 0; y < height; ++y)
+        for (unsigned x = 0; x < width; ++x)
+            smooth[y * width + x] = static_cast<unsigned char>(127.5 + 120.0 * std::sin(x / 90.0) * std::cos(y / 70.0));
+    const Bytes noise = Noise(width * height, 5, 124, 131);
+    for (const Bytes* pixels : std::array<const Bytes*, 2>{&smooth, &noise}) {
+        Bytes written;
+        qzsse::detail::PngDeflate used{};
+        ASSERT_TRUE(qzsse::detail::WritePngGrey8Direct(pixels->data(), width, height, written, &used));
+        // zlib's literal-only deflate: every filter, and runs of Paeth rows of every length.
+        const auto huffman = [&](const std::vector<int>& filters) {
+            return PngOfZlib(width, height, HuffmanOnlyZlib(Filtered(*pixels, width, height, filters)));
+        };
+        const struct {
+            Bytes file;
+            bool literalOnly;
+        } cases[] = {{written, used == qzsse::detail::PngDeflate::Literals},
+                     {huffman({0, 1, 2, 3, 4}), true},
+                     {huffman({4, 4, 4, 4, 4, 4, 4, 2, 4, 4, 1, 4, 0, 4, 4, 4}), true}};
+        for (const auto& c : cases) {
+            unsigned w = 0, h = 0;
+            ASSERT_EQ(ThroughLibpng(c.file, w, h), *pixels);
+            for (const unsigned step : {1u, 7u, 16u, height}) {
+                bool literalOnly = !c.literalOnly;
+                EXPECT_EQ(ByRows(c.file, step, &literalOnly), *pixels) << step;
+                EXPECT_EQ(literalOnly, c.literalOnly);
+            }
+        }
+    }
+}
+
+TEST(PngDirect, DamagedLiteralOnlyStreamsAreRefusedByTheDirectReadersAndLeftToLibpng)
+{
+    const unsigned width = 40, height = 30;
+    const Bytes pixels = Noise(width * height, 6, 0, 255);
+    const Bytes zlib = HuffmanOnlyZlib(Filtered(pixels, width, height, {4}));
+    const auto changed = [&](size_t at) {
+        Bytes z = zlib;
+        z.at(at) ^= 0x21;
+        return z;
+    };
+    Bytes longer = zlib;
+    longer.push_back(0);
+    const Bytes cases[] = {
+        changed(zlib.size() - 1),                                                   // Adler-32
+        changed(zlib.size() / 2),                                                   // a code inside the block
+        longer,                                                                     // a byte after the stream
+        Bytes(zlib.begin(), zlib.end() - 5),                                        // cut inside the block
+        HuffmanOnlyZlib(Filtered(Bytes(pixels.begin(), pixels.end() - width), width, height - 1, {4})),   // a row short
+    };
+    for (const Bytes& z : cases) {
+        const Bytes file = PngOfZlib(width, height, z);
+        unsigned w = 0, h = 0;
+        const Bytes libpng = ThroughLibpng(file, w, h);
+        EXPECT_TRUE(ByRows(file, 16).empty());
+        EXPECT_TRUE(Direct(file).pixels.empty());
+        EXPECT_EQ(qzsse::detail::DecodePng(file.data(), file.size()).pixels, libpng);
+    }
+}

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "qzsse/storage/detail/ImageCodecs.h"
@@ -38,5 +39,36 @@ bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsign
 // is within image.maxBytes. False, image.pixels empty and the other fields as given, for
 // anything else: the general decoder then reads it, or refuses it.
 bool ReadSimplePngGrey8(const unsigned char* data, size_t size, DecodedImage& image);
+
+// The PNGs ReadSimplePngGrey8 reads, inflated by ISA-L a few rows at a time, so that the rows
+// can be used while still in cache and no whole-image buffer is needed.
+class PngGrey8Rows {
+public:
+    PngGrey8Rows();
+    ~PngGrey8Rows();
+    PngGrey8Rows(const PngGrey8Rows&) = delete;
+    PngGrey8Rows& operator=(const PngGrey8Rows&) = delete;
+
+    // False for anything ReadSimplePngGrey8 would refuse with this maxBytes (checked on
+    // the chunks only: damage inside the stream shows in ReadRows or Finish).
+    bool Open(const unsigned char* data, size_t size, unsigned long long maxBytes);
+    unsigned int Width() const { return m_width; }
+    unsigned int Height() const { return m_height; }
+    // True when the stream's first block has no length codes (see ReadSimplePngGrey8).
+    bool LiteralOnly() const { return m_literalOnly; }
+    // The next `rows` rows, each of Width() bytes, to out. False when the stream is damaged;
+    // the reader is then spent.
+    bool ReadRows(unsigned char* out, unsigned int rows);
+    // After the last row: true when the stream ends there, its checksum correct.
+    bool Finish();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+    unsigned int m_width = 0;
+    unsigned int m_height = 0;
+    unsigned int m_rowsLeft = 0;
+    bool m_literalOnly = false;
+};
 
 } // namespace qzsse::detail
