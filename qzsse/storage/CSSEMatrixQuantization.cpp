@@ -14,6 +14,7 @@
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
 #include "qzsse/matrix/detail/RowMask.h"
+#include "qzsse/storage/detail/PassEncoding.h"
 
 namespace qzsse::detail {
 namespace {
@@ -42,11 +43,6 @@ inline __m128 allLanes(bool on)
     return _mm_castsi128_ps(_mm_set1_epi32(on ? -1 : 0));
 }
 
-struct ValueRange {
-    float min;
-    float max;
-};
-
 // The first zero in row-major order that takes part in the scan.
 float firstZero(const CSSEMatrix& m, bool skipInvalid, float invalid)
 {
@@ -63,6 +59,26 @@ float firstZero(const CSSEMatrix& m, bool skipInvalid, float invalid)
 // which an element replaces the minimum only when it is smaller (the maximum: larger), so
 // NaN never takes part. The lanes give the same values as that scan with one exception:
 // between -0.0 and 0.0 the scan keeps the one it met first, so a zero result is looked up.
+ValueRange finishRange(const CSSEMatrix& m, __m128 vmin, __m128 vmax, bool skipInvalid, float invalid)
+{
+    alignas(16) float mins[4];
+    alignas(16) float maxs[4];
+    _mm_store_ps(mins, vmin);
+    _mm_store_ps(maxs, vmax);
+    ValueRange range{c_fLargestFloat, -c_fLargestFloat};
+    for (int lane = 0; lane < 4; ++lane) {
+        if (mins[lane] < range.min)
+            range.min = mins[lane];
+        if (maxs[lane] > range.max)
+            range.max = maxs[lane];
+    }
+    if (range.min == 0.0f)
+        range.min = firstZero(m, skipInvalid, invalid);
+    if (range.max == 0.0f)
+        range.max = firstZero(m, skipInvalid, invalid);
+    return range;
+}
+
 ValueRange scanRange(const CSSEMatrix& m, bool skipInvalid, float invalid)
 {
     const __m128 largest = _mm_set1_ps(c_fLargestFloat);
@@ -86,23 +102,7 @@ ValueRange scanRange(const CSSEMatrix& m, bool skipInvalid, float invalid)
             vmax = _mm_max_ps(select(keep, v, lowest), vmax);
         }
     }
-
-    alignas(16) float mins[4];
-    alignas(16) float maxs[4];
-    _mm_store_ps(mins, vmin);
-    _mm_store_ps(maxs, vmax);
-    ValueRange range{c_fLargestFloat, -c_fLargestFloat};
-    for (int lane = 0; lane < 4; ++lane) {
-        if (mins[lane] < range.min)
-            range.min = mins[lane];
-        if (maxs[lane] > range.max)
-            range.max = maxs[lane];
-    }
-    if (range.min == 0.0f)
-        range.min = firstZero(m, skipInvalid, invalid);
-    if (range.max == 0.0f)
-        range.max = firstZero(m, skipInvalid, invalid);
-    return range;
+    return finishRange(m, vmin, vmax, skipInvalid, invalid);
 }
 
 // The uniform quantisers' Map on four lanes, preceded by the fixed-range clamp: the same
@@ -143,24 +143,39 @@ private:
 };
 
 // Codes of the real rows, band by band: four columns at a time are turned from column
-// vectors into row vectors so that each row receives four bytes at once.
+// vectors into row vectors, and four such groups into 16 bytes of each row.
 void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned char* out)
 {
     const int width = m.GetSizeX();
     const int height = m.GetSizeY();
     __m128** data = m.GetMatrixDataDirectly();
+    const auto rowsOfFour = [&](const __m128* band, int x) {
+        __m128 r0 = band[x], r1 = band[x + 1], r2 = band[x + 2], r3 = band[x + 3];
+        _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+        // Byte 4r + c: row r, column x + c.
+        return _mm_packus_epi16(_mm_packs_epi32(kernel.codes(r0), kernel.codes(r1)),
+                                _mm_packs_epi32(kernel.codes(r2), kernel.codes(r3)));
+    };
     for (int j = 0; 4 * j < height; ++j) {
         const __m128* band = data[j];
         const int rows = height - 4 * j < 4 ? height - 4 * j : 4;
         unsigned char* rowStart = out + static_cast<size_t>(4 * j) * width;
         int x = 0;
+        if (rows == 4) {
+            for (; x + 16 <= width; x += 16) {
+                __m128 g0 = _mm_castsi128_ps(rowsOfFour(band, x)), g1 = _mm_castsi128_ps(rowsOfFour(band, x + 4));
+                __m128 g2 = _mm_castsi128_ps(rowsOfFour(band, x + 8)), g3 = _mm_castsi128_ps(rowsOfFour(band, x + 12));
+                // Each 32-bit lane is four bytes of one row: transposing the lanes gathers a row.
+                _MM_TRANSPOSE4_PS(g0, g1, g2, g3);
+                const __m128 rowsOut[4] = {g0, g1, g2, g3};
+                for (int r = 0; r < 4; ++r)
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(rowStart + static_cast<size_t>(r) * width + x),
+                                     _mm_castps_si128(rowsOut[r]));
+            }
+        }
         for (; x + 4 <= width; x += 4) {
-            __m128 r0 = band[x], r1 = band[x + 1], r2 = band[x + 2], r3 = band[x + 3];
-            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(kernel.codes(r0), kernel.codes(r1)),
-                                                    _mm_packs_epi32(kernel.codes(r2), kernel.codes(r3)));
             alignas(16) unsigned char bytes[16];
-            _mm_store_si128(reinterpret_cast<__m128i*>(bytes), packed);
+            _mm_store_si128(reinterpret_cast<__m128i*>(bytes), rowsOfFour(band, x));
             for (int r = 0; r < rows; ++r)
                 std::memcpy(rowStart + static_cast<size_t>(r) * width + x, bytes + 4 * r, 4);
         }
@@ -174,19 +189,19 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
 }
 
 } // namespace
-} // namespace qzsse::detail
 
-std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createAndEncodeQuantizer(bool withInvalid,
-                                                                                RbStreamWriteBinary& stream) const
+std::unique_ptr<RyFloatingPointQuantization> WritePassQuantizer(const CSSEMatrix& m,
+                                                                const CSSEMatrix::QzSCompressionParameters& p,
+                                                                bool withInvalid, const ValueRange* scanned,
+                                                                RbStreamWriteBinary& stream)
 {
-    using namespace qzsse::detail;
-    const QzSCompressionParameters& p = m_CompressionParameters;
-
     ValueRange range{c_fLargestFloat, -c_fLargestFloat};
     if (p.m_bUseFixedRange)
         range = {p.m_fRangeMin, p.m_fRangeMax};
-    else if (m_Data != nullptr)
-        range = scanRange(*this, withInvalid, p.m_fInvalidValue);
+    else if (scanned != nullptr)
+        range = *scanned;
+    else if (m.GetMatrixDataDirectly() != nullptr)
+        range = scanRange(m, withInvalid, p.m_fInvalidValue);
 
     const float span = withInvalid ? c_fCodeSpanWithInvalid : c_fCodeSpan;
     const float rangeFactor = range.min == range.max ? 1.0f : (1.0f / (range.max - range.min)) * span;
@@ -204,6 +219,51 @@ std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createAndEncodeQuantize
                                                                                p.m_fInvalidValue);
     }
     return std::make_unique<RyFloatingPointQuantizationUniform>(range.min, range.max, factor);
+}
+
+// The library's own quantisers are mapped four lanes at a time; any other implementation
+// of the interface is called element by element.
+void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q,
+                       const CSSEMatrix::QzSCompressionParameters& p, unsigned char* out)
+{
+    if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)) {
+        const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
+        quantizeBands(m, UniformMapKernel(uniform, RyFloatingPointQuantizationUniform::c_ulTopCode, nullptr, p), out);
+        return;
+    }
+    if (typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
+        const auto& withInvalid = static_cast<const RyFloatingPointQuantizationUniformWithInvalid&>(q);
+        quantizeBands(m,
+                      UniformMapKernel(withInvalid, RyFloatingPointQuantizationUniformWithInvalid::c_ulTopCode,
+                                       &withInvalid, p),
+                      out);
+        return;
+    }
+    const size_t width = static_cast<size_t>(m.GetSizeX());
+    for (int y = 0; y < m.GetSizeY(); ++y)
+        for (int x = 0; x < m.GetSizeX(); ++x) {
+            float v = m.GetPointUnsafe(x, y);
+            if (p.m_bUseFixedRange) {
+                if (v > p.m_fRangeMax)
+                    v = p.m_fRangeMax;
+                if (v < p.m_fRangeMin)
+                    v = p.m_fRangeMin;
+            }
+            out[static_cast<size_t>(y) * width + static_cast<size_t>(x)] = static_cast<unsigned char>(q.Map(v));
+        }
+}
+
+ValueRange RangeFromExtremes(const CSSEMatrix& m, const LaneExtremes& e)
+{
+    return finishRange(m, e.min, e.max, false, 0.0f);
+}
+
+} // namespace qzsse::detail
+
+std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createAndEncodeQuantizer(bool withInvalid,
+                                                                                RbStreamWriteBinary& stream) const
+{
+    return qzsse::detail::WritePassQuantizer(*this, m_CompressionParameters, withInvalid, nullptr, stream);
 }
 
 // Version 1 streams carry no description (codes were the values' own range 0..255 with
@@ -232,43 +292,13 @@ std::unique_ptr<RyFloatingPointQuantization> CSSEMatrix::createQuantizer(RbStrea
     return std::make_unique<RyFloatingPointQuantizationUniform>(min, max, factor);
 }
 
-// The library's own quantisers are mapped four lanes at a time; any other implementation
-// of the interface is called element by element.
 RbArray<unsigned char> CSSEMatrix::quantize(const RyFloatingPointQuantization& q) const
 {
-    using namespace qzsse::detail;
     RbArray<unsigned char> codes;
     if (m_Data == nullptr)
         return codes;
     codes.SetSize(static_cast<std::ptrdiff_t>(m_SizeX) * m_SizeY);
-    const QzSCompressionParameters& p = m_CompressionParameters;
-
-    if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)) {
-        const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
-        quantizeBands(*this, UniformMapKernel(uniform, RyFloatingPointQuantizationUniform::c_ulTopCode, nullptr, p),
-                      codes.GetData());
-        return codes;
-    }
-    if (typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
-        const auto& withInvalid = static_cast<const RyFloatingPointQuantizationUniformWithInvalid&>(q);
-        quantizeBands(*this,
-                      UniformMapKernel(withInvalid, RyFloatingPointQuantizationUniformWithInvalid::c_ulTopCode,
-                                       &withInvalid, p),
-                      codes.GetData());
-        return codes;
-    }
-
-    for (int y = 0; y < m_SizeY; ++y)
-        for (int x = 0; x < m_SizeX; ++x) {
-            float v = GetPointUnsafe(x, y);
-            if (p.m_bUseFixedRange) {
-                if (v > p.m_fRangeMax)
-                    v = p.m_fRangeMax;
-                if (v < p.m_fRangeMin)
-                    v = p.m_fRangeMin;
-            }
-            codes[static_cast<std::ptrdiff_t>(y) * m_SizeX + x] = static_cast<unsigned char>(q.Map(v));
-        }
+    qzsse::detail::QuantizePassCodes(*this, q, m_CompressionParameters, codes.GetData());
     return codes;
 }
 

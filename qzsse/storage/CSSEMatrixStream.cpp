@@ -2,6 +2,7 @@
 // 8-bit image codecs, and the two-level bit plane.
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <cmath>
 #include <limits>
@@ -20,10 +21,13 @@
 #include "qzsse/base/RbStreamWriteBinary.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/base/RyFloatingPointQuantization.h"
+#include "qzsse/base/RyJPEGWriter.h"
 #include "qzsse/base/detail/LittleEndian.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/matrix/detail/BandWalk.h"
+#include "qzsse/storage/detail/GrowingBytes.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+#include "qzsse/storage/detail/PassEncoding.h"
 #include "qzsse/storage/detail/PassDecoding.h"
 #include "qzsse/storage/detail/PngGrey8Direct.h"
 #include "qzsse/storage/detail/ReaderLimitChecks.h"
@@ -475,20 +479,40 @@ bool pngPassReadable(size_t pngBytes, unsigned width, unsigned height)
     return DecodedSizeAllowed(width, height, 8, maxBytes);
 }
 
-// The counted PNG file of a pass's codes, as CSSEMatrix::encode writes it (nothing on a codec
-// failure), with libdeflate's quicker level when `quick`; returns the file's size.
-size_t writePngPass(const RbArray<unsigned char>& codes, unsigned width, unsigned height, bool quick,
-                    RbStreamWriteBinary& pass)
+// The counted PNG file of a pass's codes appended to out, as CSSEMatrix::encode writes it
+// (nothing on a codec failure), with libdeflate's quicker level when `quick`; returns the
+// file's size.
+size_t writePngPass(const unsigned char* codes, unsigned width, unsigned height, bool quick, GrowingBytes& out,
+                    PngWriteWorkspace& workspace)
 {
-    if (static_cast<unsigned long long>(codes.GetSize()) < static_cast<unsigned long long>(width) * height)
+    const size_t countAt = out.size();
+    const unsigned char noCount[4] = {0, 0, 0, 0};
+    out.append(noCount, sizeof(noCount));
+    const size_t fileBytes = codes ? AppendPngGrey8Direct(codes, width, height, out, workspace, nullptr, quick) : 0;
+    if (fileBytes == 0 || fileBytes > std::numeric_limits<unsigned int>::max()) {
+        out.resize(countAt);
         return 0;
-    std::vector<unsigned char> file;
-    if (!WritePngGrey8Direct(codes.GetData(), width, height, file, nullptr, quick)
-        || file.size() > std::numeric_limits<unsigned int>::max())
-        return 0;
-    pass.WriteUInt32(static_cast<unsigned int>(file.size()));
-    pass.WriteBuffer(file.data(), file.size());
-    return file.size();
+    }
+    StoreValueLittleEndian(static_cast<std::uint32_t>(fileBytes), out.data() + countAt);
+    return fileBytes;
+}
+
+// The counted JPEG file of a pass's codes appended to out, as CSSEMatrix::encodeJPEG writes it.
+void writeJpegPass(const RbArray<unsigned char>& codes, int width, int height, float quality, GrowingBytes& out)
+{
+    RyJPEGWriter writer(codes, width, height);
+    writer.SetQuality(quality);
+    RbStreamWriteBinaryBuffer file;
+    writer.Serialize(file);
+    unsigned char count[4];
+    StoreValueLittleEndian(static_cast<std::uint32_t>(file.GetSize()), count);
+    out.append(count, sizeof(count));
+    out.append(file.GetData(), file.GetSize());
+}
+
+void appendBuffer(const RbStreamWriteBinaryBuffer& from, GrowingBytes& out)
+{
+    out.append(from.GetData(), from.GetSize());
 }
 
 [[noreturn]] void throwCodecWroteNothing(const char* what)
@@ -512,87 +536,135 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         throw std::logic_error("CSSEMatrix::Serialize: the matrix has no storage");
 
     // The coded payload is built first, so a codec failure leaves the stream untouched.
+    qzsse::detail::GrowingBytes passBytes;
     RbStreamWriteBinaryBuffer payload;
     float error = m_fMaxAbsCompressionError;
     if (passCoded) {
+        using namespace qzsse::detail;
         const unsigned int passes = own.m_uiNumberOfPasses;
-        CSSEMatrix residual(*this);
+        const unsigned width = static_cast<unsigned>(m_SizeX);
+        const unsigned height = static_cast<unsigned>(m_SizeY);
+        // Pass 0 codes the matrix itself; what later passes code is the residual, made by the
+        // first pass that leaves one, and updated in place.
+        const CSSEMatrix* coded = this;
+        CSSEMatrix residual;
+        // The range scan's answer for `coded`, when the sweep that made it found it.
+        std::optional<ValueRange> codedRange;
         // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
-        qzsse::detail::SettledStairs failedPasses;
+        SettledStairs failedPasses;
+        std::unique_ptr<unsigned char[]> pngCodes;
+        PngWriteWorkspace workspace;
+        if (passes == 0)
+            error = maxAbsValue(*this);
         for (unsigned int k = 0; k < passes; ++k) {
+            const bool last = k + 1 == passes;
             // Intermediate passes code as finely as they can; only the last one applies
             // the requested quality and error bound. Invalid values travel in pass 0 only.
-            QzSCompressionParameters& params = residual.m_CompressionParameters;
-            params = own;
-            if (k + 1 != passes) {
+            QzSCompressionParameters params = own;
+            if (!last) {
                 params.m_fJPEGQuality = 1.0f;
                 params.m_fMaxAbsError = 0.0f;
             }
             params.m_bUseInvalidValue = k == 0 && own.m_bUseInvalidValue;
+            const ValueRange* scanned = codedRange ? &*codedRange : nullptr;
 
-            RbStreamWriteBinaryBuffer pass;
+            const size_t passStart = passBytes.size();
+            RbStreamWriteBinaryBuffer description;
             // A PNG pass is lossless: when a reader would decode it, its codes are those
             // just written and need no decode. Otherwise (nothing written, a size the
             // decoder refuses) the pass is decoded as a reader would.
-            RbArray<unsigned char> written;
             bool writtenReadable = false;
             if (method == 1 || (method == 3 && k > 0)) {
-                residual.encodeJPEG(pass);
+                const std::unique_ptr<RyFloatingPointQuantization> used =
+                    WritePassQuantizer(*coded, params, false, scanned, description);
+                RbArray<unsigned char> codes;
+                if (coded->m_Data != nullptr) {
+                    codes.SetSize(static_cast<std::ptrdiff_t>(m_SizeX) * m_SizeY);
+                    QuantizePassCodes(*coded, *used, params, codes.GetData());
+                }
+                appendBuffer(description, passBytes);
+                writeJpegPass(codes, m_SizeX, m_SizeY, params.m_fJPEGQuality, passBytes);
             } else {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
-                    residual.createAndEncodeQuantizer(params.m_bUseInvalidValue, pass);
-                written = residual.quantize(*used);
+                    WritePassQuantizer(*coded, params, params.m_bUseInvalidValue, scanned, description);
+                appendBuffer(description, passBytes);
+                if (coded->m_Data != nullptr && width > 0 && height > 0) {
+                    if (!pngCodes)
+                        pngCodes.reset(new unsigned char[static_cast<size_t>(width) * height]);
+                    QuantizePassCodes(*coded, *used, params, pngCodes.get());
+                }
                 // A PNG pass that a later PNG pass refines takes the quicker deflate.
-                const size_t pngBytes = qzsse::detail::writePngPass(written, static_cast<unsigned>(m_SizeX),
-                                                                    static_cast<unsigned>(m_SizeY), method == 2 && k + 1 != passes,
-                                                                    pass);
-                writtenReadable = !qzsse::detail::g_bDirectPassDecoding && pngBytes > 0
-                                  && qzsse::detail::pngPassReadable(pngBytes, static_cast<unsigned>(m_SizeX),
-                                                                    static_cast<unsigned>(m_SizeY));
+                const size_t pngBytes = writePngPass(coded->m_Data != nullptr ? pngCodes.get() : nullptr, width,
+                                                     height, method == 2 && !last, passBytes, workspace);
+                writtenReadable = !g_bDirectPassDecoding && pngBytes > 0 && pngPassReadable(pngBytes, width, height);
             }
 
             // The residual is updated with what a reader will reconstruct, not with what
             // was meant to be coded.
-            RbStreamReadBinaryBuffer back(pass.GetData(), pass.GetSize());
+            RbStreamReadBinaryBuffer back(passBytes.data() + passStart, passBytes.size() - passStart);
             bool hasInvalid = false;
             float invalid = 0.0f;
             unsigned int w = 0;
             unsigned int h = 0;
             std::unique_ptr<RyFloatingPointQuantization> q;
-            RbArray<unsigned char> codes;
+            RbArray<unsigned char> decoded;
+            const unsigned char* codes = nullptr;
+            size_t codeCount = 0;
             try {
                 q = createQuantizer(back, c_uiStreamVersion, hasInvalid, invalid);
                 if (writtenReadable) {
-                    codes = std::move(written);
-                    w = static_cast<unsigned>(m_SizeX);
-                    h = static_cast<unsigned>(m_SizeY);
+                    codes = pngCodes.get();
+                    w = width;
+                    h = height;
+                    codeCount = static_cast<size_t>(w) * h;
                 } else {
-                    codes = decode(back, 8, w, h);
+                    decoded = decode(back, 8, w, h);
+                    codes = decoded.GetData();
+                    codeCount = static_cast<size_t>(decoded.GetSize());
                 }
             } catch (const RbStreamException&) {
-                qzsse::detail::throwCodecWroteNothing("pass image");
+                throwCodecWroteNothing("pass image");
             }
-            if (hasInvalid && settled.GetMatrixDataDirectly() == nullptr)
+            if (hasInvalid && settled.m_Data == nullptr)
                 settled.Create(m_SizeX, m_SizeY);
-            if (w == static_cast<unsigned>(m_SizeX) && h == static_cast<unsigned>(m_SizeY)
-                && static_cast<unsigned long long>(codes.GetSize()) == static_cast<unsigned long long>(w) * h) {
-                qzsse::detail::applyPassCodes(residual, settled.GetMatrixDataDirectly() ? &settled : nullptr,
-                                              codes.GetData(), qzsse::detail::CodeValues(*q), hasInvalid, invalid,
-                                              true, false);
+            if (w == width && h == height && static_cast<unsigned long long>(codeCount) == static_cast<unsigned long long>(w) * h) {
+                CSSEMatrix* target = nullptr;
+                if (!last) {
+                    if (coded == this)
+                        residual.CreateNoClear(m_SizeX, m_SizeY);
+                    target = &residual;
+                }
+                const LaneExtremes extremes = SubtractPassCodes(*coded, target, settled.m_Data ? &settled : nullptr,
+                                                                codes, *q, hasInvalid, invalid);
+                if (last) {
+                    error = ErrorFromExtremes(extremes);
+                } else {
+                    coded = &residual;
+                    codedRange = RangeFromExtremes(residual, extremes);
+                }
             } else {
-                if (settled.GetMatrixDataDirectly() == nullptr)
+                if (coded == this) {
+                    residual = *this;
+                    coded = &residual;
+                }
+                if (settled.m_Data == nullptr)
                     settled.Create(m_SizeX, m_SizeY);
                 CSSEMatrix image;
-                const bool decoded = qzsse::detail::preparePassImage(codes, w, h, image);
-                if (decoded)
-                    image.deQuantize(*q, codes);
-                qzsse::detail::applyPass(residual, settled, decoded ? &image : nullptr, w, h, hasInvalid, invalid,
-                                         true, failedPasses);
+                if (codes != decoded.GetData()) {
+                    decoded.SetSize(static_cast<std::ptrdiff_t>(codeCount));
+                    std::copy(codes, codes + codeCount, decoded.GetData());
+                }
+                const bool decodedImage = preparePassImage(decoded, w, h, image);
+                if (decodedImage)
+                    image.deQuantize(*q, decoded);
+                applyPass(residual, settled, decodedImage ? &image : nullptr, w, h, hasInvalid, invalid, true,
+                          failedPasses);
+                codedRange.reset();
+                if (last)
+                    error = maxAbsValue(residual);
             }
-            payload.WriteBuffer(pass.GetData(), pass.GetSize());
         }
-        error = qzsse::detail::maxAbsValue(residual);
     } else if (method == 4) {
         encodeCCITT4(payload);
         CSSEMatrix decoded;
@@ -618,7 +690,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         error = 0.0f;
     } else if (passCoded) {
         stream.WriteUInt32(own.m_uiNumberOfPasses);
-        stream.WriteBuffer(payload.GetData(), payload.GetSize());
+        stream.WriteBuffer(passBytes.data(), passBytes.size());
     } else if (method == 4) {
         stream.WriteBuffer(payload.GetData(), payload.GetSize());
     }

@@ -1,0 +1,122 @@
+#include "qzsse/storage/detail/PassEncoding.h"
+
+#include <algorithm>
+#include <cmath>
+#include <emmintrin.h>
+#include <limits>
+
+#include "qzsse/base/RyFloatingPointQuantization.h"
+#include "qzsse/matrix/detail/BandWalk.h"
+#include "qzsse/matrix/detail/RowMask.h"
+
+namespace qzsse::detail {
+namespace {
+
+constexpr float c_fLargestFloat = std::numeric_limits<float>::max();
+// CalcMinMaxValues starts its extremes here.
+constexpr float c_fMinMaxSeed = 1000000.0f;
+
+template <bool Store, bool WithSettled>
+LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* settled, const unsigned char* codes,
+                        const float* values, bool hasInvalid, float invalid)
+{
+    const __m128 zero = _mm_setzero_ps();
+    const __m128 one = _mm_set1_ps(1.0f);
+    const __m128 inv = _mm_set1_ps(invalid);
+    const __m128 invIsNaN = _mm_cmpunord_ps(inv, inv);
+    const __m128 checkInvalid = hasInvalid ? _mm_cmpeq_ps(zero, zero) : zero;
+    const __m128 largest = _mm_set1_ps(c_fLargestFloat);
+    const __m128 lowest = _mm_set1_ps(-c_fLargestFloat);
+    const int width = src.GetSizeX();
+    const int height = src.GetSizeY();
+    const size_t stride = static_cast<size_t>(width);
+    __m128** s = src.GetMatrixDataDirectly();
+    __m128** d = Store ? dst->GetMatrixDataDirectly() : nullptr;
+    __m128** m = WithSettled ? settled->GetMatrixDataDirectly() : nullptr;
+    // Two running pairs halve the dependency chains; extremes do not depend on the order.
+    __m128 min0 = largest, min1 = largest, max0 = lowest, max1 = lowest;
+
+    const auto combine = [&](int j, int x, __m128 tv, __m128 real, __m128& runMin, __m128& runMax) {
+        const __m128 before = s[j][x];
+        __m128 r = _mm_sub_ps(before, tv);
+        if constexpr (WithSettled) {
+            r = select(_mm_cmpeq_ps(m[j][x], zero), r, before);
+            const __m128 invalidLanes = _mm_or_ps(_mm_cmpeq_ps(tv, inv), _mm_and_ps(_mm_cmpunord_ps(tv, tv), invIsNaN));
+            m[j][x] = select(_mm_and_ps(invalidLanes, checkInvalid), one, m[j][x]);
+        }
+        if constexpr (Store)
+            d[j][x] = r;
+        // A NaN lane leaves the running value: _mm_min_ps returns its second operand then.
+        runMin = _mm_min_ps(select(real, r, largest), runMin);
+        runMax = _mm_max_ps(select(real, r, lowest), runMax);
+    };
+
+    const __m128 all = _mm_cmpeq_ps(zero, zero);
+    for (int j = 0; j < src.GetSSESizeY(); ++j) {
+        const int rows = std::clamp(height - 4 * j, 0, 4);
+        const unsigned char* row = codes + static_cast<size_t>(4 * j) * stride;
+        int x = 0;
+        if (rows == 4) {
+            for (; x + 1 < width; x += 2) {
+                combine(j, x,
+                        _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
+                                    values[row[3 * stride + x]]),
+                        all, min0, max0);
+                combine(j, x + 1,
+                        _mm_setr_ps(values[row[x + 1]], values[row[stride + x + 1]], values[row[2 * stride + x + 1]],
+                                    values[row[3 * stride + x + 1]]),
+                        all, min1, max1);
+            }
+            for (; x < width; ++x)
+                combine(j, x,
+                        _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
+                                    values[row[3 * stride + x]]),
+                        all, min0, max0);
+        } else {
+            const __m128 real = realRowsMask(j, height);
+            for (; x < width; ++x) {
+                alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+                for (int r = 0; r < rows; ++r)
+                    lanes[r] = values[row[static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
+                combine(j, x, _mm_load_ps(lanes), real, min0, max0);
+            }
+        }
+        // Columns beyond the width, where the storage has any.
+        for (; x < src.GetSSESizeX(); ++x)
+            combine(j, x, zero, zero, min0, max0);
+    }
+    return {_mm_min_ps(min1, min0), _mm_max_ps(max1, max0)};
+}
+
+} // namespace
+
+LaneExtremes SubtractPassCodes(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* settled,
+                               const unsigned char* codes, const RyFloatingPointQuantization& q, bool hasInvalid,
+                               float invalid)
+{
+    float values[256];
+    for (unsigned long c = 0; c < 256; ++c)
+        values[c] = q.Unmap(c);
+    if (dst != nullptr)
+        return settled != nullptr ? subtractAs<true, true>(src, dst, settled, codes, values, hasInvalid, invalid)
+                                  : subtractAs<true, false>(src, dst, nullptr, codes, values, hasInvalid, invalid);
+    return settled != nullptr ? subtractAs<false, true>(src, nullptr, settled, codes, values, hasInvalid, invalid)
+                              : subtractAs<false, false>(src, nullptr, nullptr, codes, values, hasInvalid, invalid);
+}
+
+float ErrorFromExtremes(const LaneExtremes& e)
+{
+    alignas(16) float mins[4];
+    alignas(16) float maxs[4];
+    _mm_store_ps(mins, e.min);
+    _mm_store_ps(maxs, e.max);
+    float smallest = c_fMinMaxSeed;
+    float largest = -c_fMinMaxSeed;
+    for (int lane = 0; lane < 4; ++lane) {
+        smallest = mins[lane] < smallest ? mins[lane] : smallest;
+        largest = maxs[lane] > largest ? maxs[lane] : largest;
+    }
+    return std::max(std::fabs(smallest), std::fabs(largest));
+}
+
+} // namespace qzsse::detail
