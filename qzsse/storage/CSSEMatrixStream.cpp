@@ -20,6 +20,7 @@
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
 #include "qzsse/base/RbStreamWriteBinary.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
+#include "qzsse/base/RbThreadPool.h"
 #include "qzsse/base/RyFloatingPointQuantization.h"
 #include "qzsse/base/RyJPEGWriter.h"
 #include "qzsse/base/detail/LittleEndian.h"
@@ -510,6 +511,35 @@ void writeJpegPass(const RbArray<unsigned char>& codes, int width, int height, f
     out.append(file.GetData(), file.GetSize());
 }
 
+// The bytes of one pass, and, while its PNG is deflated by a task, what that task needs.
+struct PassOutput {
+    GrowingBytes bytes;
+    std::unique_ptr<unsigned char[]> codes;
+    size_t pngBytes = 0;
+    // The next residual was formed from `codes` before the PNG was known to be readable.
+    bool assumedReadable = false;
+    std::unique_ptr<RbTask> task;
+    void wait()
+    {
+        if (task)
+            task->WaitUntilTerminate();
+    }
+};
+
+// Waits for every task still running when the writer leaves, by return or by exception:
+// they use its buffers.
+struct PassTasks {
+    std::vector<std::unique_ptr<PassOutput>>& passes;
+    ~PassTasks()
+    {
+        for (const auto& p : passes)
+            try {
+                p->wait();
+            } catch (...) {
+            }
+    }
+};
+
 void appendBuffer(const RbStreamWriteBinaryBuffer& from, GrowingBytes& out)
 {
     out.append(from.GetData(), from.GetSize());
@@ -526,6 +556,11 @@ void appendBuffer(const RbStreamWriteBinaryBuffer& from, GrowingBytes& out)
 
 void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
 {
+    Serialize(stream, nullptr);
+}
+
+void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) const
+{
     const QzSCompressionParameters& own = m_CompressionParameters;
     const int method = own.m_eMethod;
     const bool passCoded = method >= 1 && method <= 3;
@@ -536,7 +571,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         throw std::logic_error("CSSEMatrix::Serialize: the matrix has no storage");
 
     // The coded payload is built first, so a codec failure leaves the stream untouched.
-    qzsse::detail::GrowingBytes passBytes;
+    std::vector<std::unique_ptr<qzsse::detail::PassOutput>> passBytes;
     RbStreamWriteBinaryBuffer payload;
     float error = m_fMaxAbsCompressionError;
     if (passCoded) {
@@ -544,6 +579,14 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         const unsigned int passes = own.m_uiNumberOfPasses;
         const unsigned width = static_cast<unsigned>(m_SizeX);
         const unsigned height = static_cast<unsigned>(m_SizeY);
+        const size_t pixels = static_cast<size_t>(width) * height;
+        // With a pool a PNG pass is taken as readable before its deflate is done, as it is
+        // unless its payload comes out too small for its size; if one does, the entry is
+        // written again without the pool. Sizes no reader decodes go without it at once.
+        if (pool != nullptr && (g_bDirectPassDecoding || pixels == 0 || m_Data == nullptr
+                                || !DecodedSizeAllowed(width, height, 8, MaxDecodedBytes())))
+            pool = nullptr;
+        PassTasks tasks{passBytes};
         // Pass 0 codes the matrix itself; what later passes code is the residual, made by the
         // first pass that leaves one, and updated in place.
         const CSSEMatrix* coded = this;
@@ -553,8 +596,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
         SettledStairs failedPasses;
-        std::unique_ptr<unsigned char[]> pngCodes;
+        // One deflate at a time, on the caller's thread or as a task, so one set of buffers.
         PngWriteWorkspace workspace;
+        std::unique_ptr<unsigned char[]> spareCodes;
         if (passes == 0)
             error = maxAbsValue(*this);
         for (unsigned int k = 0; k < passes; ++k) {
@@ -569,7 +613,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             params.m_bUseInvalidValue = k == 0 && own.m_bUseInvalidValue;
             const ValueRange* scanned = codedRange ? &*codedRange : nullptr;
 
-            const size_t passStart = passBytes.size();
+            passBytes.push_back(std::make_unique<PassOutput>());
+            PassOutput& out = *passBytes.back();
             RbStreamWriteBinaryBuffer description;
             // A PNG pass is lossless: when a reader would decode it, its codes are those
             // just written and need no decode. Otherwise (nothing written, a size the
@@ -580,29 +625,44 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
                     WritePassQuantizer(*coded, params, false, scanned, description);
                 RbArray<unsigned char> codes;
                 if (coded->m_Data != nullptr) {
-                    codes.SetSize(static_cast<std::ptrdiff_t>(m_SizeX) * m_SizeY);
+                    codes.SetSize(static_cast<std::ptrdiff_t>(pixels));
                     QuantizePassCodes(*coded, *used, params, codes.GetData());
                 }
-                appendBuffer(description, passBytes);
-                writeJpegPass(codes, m_SizeX, m_SizeY, params.m_fJPEGQuality, passBytes);
+                appendBuffer(description, out.bytes);
+                writeJpegPass(codes, m_SizeX, m_SizeY, params.m_fJPEGQuality, out.bytes);
             } else {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     WritePassQuantizer(*coded, params, params.m_bUseInvalidValue, scanned, description);
-                appendBuffer(description, passBytes);
-                if (coded->m_Data != nullptr && width > 0 && height > 0) {
-                    if (!pngCodes)
-                        pngCodes.reset(new unsigned char[static_cast<size_t>(width) * height]);
-                    QuantizePassCodes(*coded, *used, params, pngCodes.get());
+                appendBuffer(description, out.bytes);
+                if (coded->m_Data != nullptr && pixels > 0) {
+                    out.codes = spareCodes ? std::move(spareCodes) : std::unique_ptr<unsigned char[]>(new unsigned char[pixels]);
+                    QuantizePassCodes(*coded, *used, params, out.codes.get());
                 }
                 // A PNG pass that a later PNG pass refines takes the quicker deflate.
-                const size_t pngBytes = writePngPass(coded->m_Data != nullptr ? pngCodes.get() : nullptr, width,
-                                                     height, method == 2 && !last, passBytes, workspace);
-                writtenReadable = !g_bDirectPassDecoding && pngBytes > 0 && pngPassReadable(pngBytes, width, height);
+                const bool quick = method == 2 && !last;
+                if (pool != nullptr) {
+                    // The previous pass's deflate is done before this one starts (one workspace).
+                    if (passBytes.size() >= 2) {
+                        PassOutput& before = *passBytes[passBytes.size() - 2];
+                        before.wait();
+                        if (before.assumedReadable)
+                            spareCodes = std::move(before.codes);
+                    }
+                    out.task = std::make_unique<RbTask>([&out, &workspace, width, height, quick] {
+                        out.pngBytes = writePngPass(out.codes.get(), width, height, quick, out.bytes, workspace);
+                    });
+                    out.assumedReadable = true;
+                    pool->AddTask(out.task.get());
+                    writtenReadable = true;
+                } else {
+                    out.pngBytes = writePngPass(out.codes.get(), width, height, quick, out.bytes, workspace);
+                    writtenReadable =
+                        !g_bDirectPassDecoding && out.pngBytes > 0 && pngPassReadable(out.pngBytes, width, height);
+                }
             }
 
             // The residual is updated with what a reader will reconstruct, not with what
             // was meant to be coded.
-            RbStreamReadBinaryBuffer back(passBytes.data() + passStart, passBytes.size() - passStart);
             bool hasInvalid = false;
             float invalid = 0.0f;
             unsigned int w = 0;
@@ -612,12 +672,14 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
             const unsigned char* codes = nullptr;
             size_t codeCount = 0;
             try {
+                // The description alone when the PNG may still be being written.
+                RbStreamReadBinaryBuffer back(out.bytes.data(), writtenReadable ? description.GetSize() : out.bytes.size());
                 q = createQuantizer(back, c_uiStreamVersion, hasInvalid, invalid);
                 if (writtenReadable) {
-                    codes = pngCodes.get();
+                    codes = out.codes.get();
                     w = width;
                     h = height;
-                    codeCount = static_cast<size_t>(w) * h;
+                    codeCount = pixels;
                 } else {
                     decoded = decode(back, 8, w, h);
                     codes = decoded.GetData();
@@ -664,7 +726,19 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
                 if (last)
                     error = maxAbsValue(residual);
             }
+            if (pool == nullptr && !spareCodes)
+                spareCodes = std::move(out.codes);
         }
+        // Every PNG taken as readable must have come out so; otherwise the entry is written
+        // again as the caller's thread alone writes it.
+        for (const auto& p : passBytes)
+            p->wait();
+        for (const auto& p : passBytes)
+            if (p->assumedReadable && !(p->pngBytes > 0 && pngPassReadable(p->pngBytes, width, height))) {
+                passBytes.clear();
+                Serialize(stream, nullptr);
+                return;
+            }
     } else if (method == 4) {
         encodeCCITT4(payload);
         CSSEMatrix decoded;
@@ -690,7 +764,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream) const
         error = 0.0f;
     } else if (passCoded) {
         stream.WriteUInt32(own.m_uiNumberOfPasses);
-        stream.WriteBuffer(passBytes.data(), passBytes.size());
+        for (const auto& p : passBytes)
+            stream.WriteBuffer(p->bytes.data(), p->bytes.size());
     } else if (method == 4) {
         stream.WriteBuffer(payload.GetData(), payload.GetSize());
     }
