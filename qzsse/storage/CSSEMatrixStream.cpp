@@ -484,12 +484,12 @@ bool pngPassReadable(size_t pngBytes, unsigned width, unsigned height)
 // (nothing on a codec failure), with libdeflate's quicker level when `quick`; returns the
 // file's size.
 size_t writePngPass(const unsigned char* codes, unsigned width, unsigned height, bool quick, GrowingBytes& out,
-                    PngWriteWorkspace& workspace)
+                    PngWriteWorkspace& workspace, RbThreadPool* pool = nullptr)
 {
     const size_t countAt = out.size();
     const unsigned char noCount[4] = {0, 0, 0, 0};
     out.append(noCount, sizeof(noCount));
-    const size_t fileBytes = codes ? AppendPngGrey8Direct(codes, width, height, out, workspace, nullptr, quick) : 0;
+    const size_t fileBytes = codes ? AppendPngGrey8Direct(codes, width, height, out, workspace, nullptr, quick, pool) : 0;
     if (fileBytes == 0 || fileBytes > std::numeric_limits<unsigned int>::max()) {
         out.resize(countAt);
         return 0;
@@ -648,11 +648,14 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                         if (before.assumedReadable)
                             spareCodes = std::move(before.codes);
                     }
-                    out.task = std::make_unique<RbTask>([&out, &workspace, width, height, quick] {
-                        out.pngBytes = writePngPass(out.codes.get(), width, height, quick, out.bytes, workspace);
-                    });
+                    // The last pass's PNG is written below, on this thread beside the error sweep.
+                    if (!last) {
+                        out.task = std::make_unique<RbTask>([&out, &workspace, width, height, quick] {
+                            out.pngBytes = writePngPass(out.codes.get(), width, height, quick, out.bytes, workspace);
+                        });
+                        pool->AddTask(out.task.get());
+                    }
                     out.assumedReadable = true;
-                    pool->AddTask(out.task.get());
                     writtenReadable = true;
                 } else {
                     out.pngBytes = writePngPass(out.codes.get(), width, height, quick, out.bytes, workspace);
@@ -697,8 +700,21 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                         residual.CreateNoClear(m_SizeX, m_SizeY);
                     target = &residual;
                 }
-                const LaneExtremes extremes = SubtractPassCodes(*coded, target, settled.m_Data ? &settled : nullptr,
-                                                                codes, *q, hasInvalid, invalid);
+                CSSEMatrix* settling = settled.m_Data ? &settled : nullptr;
+                LaneExtremes extremes;
+                if (pool != nullptr && last && out.assumedReadable) {
+                    RbTask sweep([&] { extremes = SubtractPassCodes(*coded, nullptr, settling, codes, *q, hasInvalid, invalid); });
+                    pool->AddTask(&sweep);
+                    try {
+                        out.pngBytes = writePngPass(out.codes.get(), width, height, false, out.bytes, workspace, pool);
+                    } catch (...) {
+                        sweep.WaitUntilTerminate();
+                        throw;
+                    }
+                    sweep.WaitUntilTerminate();
+                } else {
+                    extremes = SubtractPassCodes(*coded, target, settling, codes, *q, hasInvalid, invalid);
+                }
                 if (last) {
                     error = ErrorFromExtremes(extremes);
                 } else {

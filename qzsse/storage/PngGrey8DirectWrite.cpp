@@ -1,5 +1,7 @@
 #include "qzsse/storage/detail/PngGrey8Direct.h"
 
+#include "qzsse/base/RbThreadPool.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -165,8 +167,9 @@ size_t deflateLiteralsBound(size_t size)
 struct PngEncoding {
     unsigned char filter;
     PngDeflate deflate;
-    // When the sample was the whole image: the size of its IDAT stream, already made in the
-    // workspace's `kept` buffer; 0 otherwise.
+    // When the sample was the whole image: its IDAT stream, already made in the workspace;
+    // 0 bytes otherwise.
+    const unsigned char* stream = nullptr;
     size_t streamBytes = 0;
 };
 
@@ -203,7 +206,7 @@ constexpr double c_literalsMargin = 1.03;
 // The deflates with matches run first; a Huffman-only trial runs only when its entropy
 // estimate is below the smallest stream so far and near the other filter's estimate.
 PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t height, int level,
-                           PngWriteWorkspace& ws)
+                           PngWriteWorkspace& ws, RbThreadPool* pool)
 {
     const size_t rowBytes = width + 1;
     const size_t total = rowBytes * height;
@@ -216,34 +219,77 @@ PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t hei
     const size_t bytes = rows * rowBytes;
     const size_t capacity = std::max(deflateMatchesBound(bytes), deflateLiteralsBound(bytes));
     constexpr unsigned char filters[2] = {c_filterUp, c_filterPaeth};
+    PngEncoding best{c_filterUp, PngDeflate::Matches, nullptr, 0};
     unsigned char* samples[2] = {ws.samples[0].at_least(bytes), ws.samples[1].at_least(bytes)};
-    PngEncoding best{c_filterUp, PngDeflate::Matches, 0};
-    if (!samples[0] || !samples[1] || !ws.scratch.at_least(capacity) || !ws.kept.at_least(capacity))
+    unsigned char* outputs[4];
+    for (int t = 0; t < 4; ++t)
+        outputs[t] = ws.trials[t].at_least(capacity);
+    if (!samples[0] || !samples[1] || !outputs[0] || !outputs[1] || !outputs[2] || !outputs[3])
         return best;
-    libdeflate_compressor* compressor = ws.compressor(level);
+
+    // Trial t: filter t % 2, literals only from t = 2 on; each writes its own output, so the
+    // two filters' trials may run at once.
+    size_t sizes[4] = {0, 0, 0, 0};
+    double estimates[2];
+    const auto matchTrial = [&](int f, int slot) {
+        filterRows(pixels, width, y0, y0 + rows, filters[f], samples[f]);
+        estimates[f] = literalsEstimate(samples[f], bytes);
+        sizes[f] = deflateMatches(samples[f], bytes, outputs[f], capacity, ws.compressor(level, slot));
+    };
+    const auto literalTrial = [&](int f) { sizes[2 + f] = deflateLiterals(samples[f], bytes, outputs[2 + f], capacity); };
+    const auto both = [&](auto&& first, auto&& second) {
+        if (pool == nullptr) {
+            first();
+            second();
+            return;
+        }
+        RbTask task(first);
+        pool->AddTask(&task);
+        try {
+            second();
+        } catch (...) {
+            task.WaitUntilTerminate();
+            throw;
+        }
+        task.WaitUntilTerminate();
+    };
+
     size_t smallest = std::numeric_limits<size_t>::max();
-    const auto consider = [&](size_t size, unsigned char filter, PngDeflate deflate) {
+    int kept = -1;
+    const auto consider = [&](int t) {
+        const size_t size = sizes[t];
+        const unsigned char filter = filters[t % 2];
         if (size == 0 || size > smallest || (size == smallest && (filter != c_filterUp || best.filter == c_filterUp)))
             return;
         smallest = size;
         best.filter = filter;
-        best.deflate = deflate;
-        std::swap(ws.scratch, ws.kept);
+        best.deflate = t < 2 ? PngDeflate::Matches : PngDeflate::Literals;
+        kept = t;
     };
-    double estimates[2];
-    for (int f = 0; f < 2; ++f) {
-        filterRows(pixels, width, y0, y0 + rows, filters[f], samples[f]);
-        estimates[f] = literalsEstimate(samples[f], bytes);
-        consider(deflateMatches(samples[f], bytes, ws.scratch.bytes.get(), capacity, compressor), filters[f],
-                 PngDeflate::Matches);
-    }
+    both([&] { matchTrial(0, pool != nullptr ? 1 : 0); }, [&] { matchTrial(1, 0); });
+    consider(0);
+    consider(1);
     const double leastEstimate = std::min(estimates[0], estimates[1]);
-    for (int f = 0; f < 2; ++f)
-        if (estimates[f] < static_cast<double>(smallest) && estimates[f] <= leastEstimate * c_literalsMargin)
-            consider(deflateLiterals(samples[f], bytes, ws.scratch.bytes.get(), capacity), filters[f],
-                     PngDeflate::Literals);
-    if (rows == height && smallest != std::numeric_limits<size_t>::max())
+    const auto literalsMayWin = [&](int f) {
+        return estimates[f] < static_cast<double>(smallest) && estimates[f] <= leastEstimate * c_literalsMargin;
+    };
+    if (pool != nullptr && literalsMayWin(0) && literalsMayWin(1)) {
+        // Up's result may rule Paeth's out afterwards: then it is not considered, as if never run.
+        both([&] { literalTrial(0); }, [&] { literalTrial(1); });
+        consider(2);
+        if (literalsMayWin(1))
+            consider(3);
+    } else {
+        for (int f = 0; f < 2; ++f)
+            if (literalsMayWin(f)) {
+                literalTrial(f);
+                consider(2 + f);
+            }
+    }
+    if (rows == height && kept >= 0) {
+        best.stream = outputs[kept];
         best.streamBytes = smallest;
+    }
     return best;
 }
 
@@ -277,29 +323,30 @@ PngWriteWorkspace::PngWriteWorkspace() = default;
 
 PngWriteWorkspace::~PngWriteWorkspace()
 {
-    for (libdeflate_compressor* c : m_compressors)
-        libdeflate_free_compressor(c);
+    for (auto& slot : m_compressors)
+        for (libdeflate_compressor* c : slot)
+            libdeflate_free_compressor(c);
 }
 
-libdeflate_compressor* PngWriteWorkspace::compressor(int level)
+libdeflate_compressor* PngWriteWorkspace::compressor(int level, int slot)
 {
-    if (level < 0 || level >= static_cast<int>(std::size(m_compressors)))
+    if (level < 0 || level >= static_cast<int>(std::size(m_compressors[0])) || slot < 0 || slot > 1)
         return nullptr;
-    libdeflate_compressor*& c = m_compressors[level];
+    libdeflate_compressor*& c = m_compressors[slot][level];
     if (c == nullptr)
         c = libdeflate_alloc_compressor(level);
     return c;
 }
 
 size_t AppendPngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height, GrowingBytes& out,
-                            PngWriteWorkspace& ws, PngDeflate* used, bool quick)
+                            PngWriteWorkspace& ws, PngDeflate* used, bool quick, RbThreadPool* pool)
 {
     const int level = quick ? c_quickMatchLevel : c_matchLevel;
     if (width == 0 || height == 0 || width > c_maxPngDimension || height > c_maxPngDimension)
         return 0;
     const size_t rowBytes = static_cast<size_t>(width) + 1;
     const size_t filteredBytes = rowBytes * height;
-    const PngEncoding encoding = chooseEncoding(pixels, width, height, level, ws);
+    const PngEncoding encoding = chooseEncoding(pixels, width, height, level, ws, pool);
     // Signature, IHDR chunk, IDAT header before the stream; IDAT CRC, IEND chunk after it.
     constexpr size_t before = 8 + 25 + 8;
     constexpr size_t after = 4 + 12;
@@ -309,7 +356,7 @@ size_t AppendPngGrey8Direct(const unsigned char* pixels, unsigned int width, uns
     try {
         if (deflated != 0) {
             file = out.room(before + deflated + after);
-            std::memcpy(file + before, ws.kept.bytes.get(), deflated);
+            std::memcpy(file + before, encoding.stream, deflated);
         } else {
             unsigned char* filtered = ws.filtered.at_least(filteredBytes);
             if (!filtered)

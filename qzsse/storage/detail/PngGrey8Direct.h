@@ -13,6 +13,7 @@
 #include "qzsse/storage/detail/ImageCodecs.h"
 
 struct libdeflate_compressor;
+class RbThreadPool;
 
 namespace qzsse::detail {
 
@@ -52,17 +53,22 @@ public:
         // At least n bytes, contents unspecified; null when allocation fails.
         unsigned char* at_least(size_t n);
     };
-    Buffer filtered, samples[2], scratch, kept;
-    libdeflate_compressor* compressor(int level);
+    // The trials' streams: Up and Paeth with matches, then with literals only.
+    Buffer filtered, samples[2], trials[4];
+    // A compressor of this level for each of two threads (slot 0 or 1).
+    libdeflate_compressor* compressor(int level, int slot = 0);
 
 private:
-    libdeflate_compressor* m_compressors[13] = {};
+    libdeflate_compressor* m_compressors[2][13] = {};
 };
 
 // WritePngGrey8Direct's file appended to out, deflated straight into it; returns the file's
-// size, 0 (out as it was) where WritePngGrey8Direct fails.
+// size, 0 (out as it was) where WritePngGrey8Direct fails. With a pool, one filter's trials
+// run as a task of it beside the other's (the same file); the caller must not be one of the
+// pool's workers.
 size_t AppendPngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height, GrowingBytes& out,
-                            PngWriteWorkspace& workspace, PngDeflate* used = nullptr, bool quick = false);
+                            PngWriteWorkspace& workspace, PngDeflate* used = nullptr, bool quick = false,
+                            RbThreadPool* pool = nullptr);
 
 // Reads a PNG of exactly IHDR (8-bit grey, not interlaced), one IDAT and IEND, with any row
 // filters, CRCs and Adler checksum verified, into image (rows of width bytes) when its size
