@@ -1,6 +1,7 @@
 // CSSEMatrix: choosing, writing and reading the quantiser, and mapping the matrix to
 // 8-bit codes and back.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -144,19 +145,40 @@ private:
 
 // Codes of the real rows, band by band: four columns at a time are turned from column
 // vectors into row vectors, and four such groups into 16 bytes of each row.
-void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned char* out)
+template <bool WithOffset>
+void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned char* out, const PassOffset* offset)
 {
     const int width = m.GetSizeX();
     const int height = m.GetSizeY();
     __m128** data = m.GetMatrixDataDirectly();
+    // Element (x, 4j + lane) of the matrix that is coded.
+    const float* values = WithOffset ? offset->values : nullptr;
+    const size_t stride = static_cast<size_t>(width);
+    int bandIndex = 0;
+    const auto element = [&](const __m128* band, int x) {
+        if constexpr (WithOffset) {
+            const unsigned char* c = offset->codes + static_cast<size_t>(4 * bandIndex) * stride + static_cast<size_t>(x);
+            const int rows = std::min(height - 4 * bandIndex, 4);
+            if (rows == 4)
+                return _mm_sub_ps(band[x], _mm_setr_ps(values[c[0]], values[c[stride]], values[c[2 * stride]],
+                                                       values[c[3 * stride]]));
+            alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+            for (int r = 0; r < rows; ++r)
+                lanes[r] = values[c[static_cast<size_t>(r) * stride]];
+            return _mm_sub_ps(band[x], _mm_load_ps(lanes));
+        } else {
+            return band[x];
+        }
+    };
     const auto rowsOfFour = [&](const __m128* band, int x) {
-        __m128 r0 = band[x], r1 = band[x + 1], r2 = band[x + 2], r3 = band[x + 3];
+        __m128 r0 = element(band, x), r1 = element(band, x + 1), r2 = element(band, x + 2), r3 = element(band, x + 3);
         _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
         // Byte 4r + c: row r, column x + c.
         return _mm_packus_epi16(_mm_packs_epi32(kernel.codes(r0), kernel.codes(r1)),
                                 _mm_packs_epi32(kernel.codes(r2), kernel.codes(r3)));
     };
     for (int j = 0; 4 * j < height; ++j) {
+        bandIndex = j;
         const __m128* band = data[j];
         const int rows = height - 4 * j < 4 ? height - 4 * j : 4;
         unsigned char* rowStart = out + static_cast<size_t>(4 * j) * width;
@@ -181,7 +203,7 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
         }
         for (; x < width; ++x) {
             alignas(16) std::int32_t codes[4];
-            _mm_store_si128(reinterpret_cast<__m128i*>(codes), kernel.codes(band[x]));
+            _mm_store_si128(reinterpret_cast<__m128i*>(codes), kernel.codes(element(band, x)));
             for (int r = 0; r < rows; ++r)
                 rowStart[static_cast<size_t>(r) * width + x] = static_cast<unsigned char>(codes[r]);
         }
@@ -223,26 +245,37 @@ std::unique_ptr<RyFloatingPointQuantization> WritePassQuantizer(const CSSEMatrix
 
 // The library's own quantisers are mapped four lanes at a time; any other implementation
 // of the interface is called element by element.
-void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q,
-                       const CSSEMatrix::QzSCompressionParameters& p, unsigned char* out)
+PassOffset::PassOffset(const unsigned char* c, const RyFloatingPointQuantization& q) : codes(c)
 {
+    for (unsigned long code = 0; code < 256; ++code)
+        values[code] = q.Unmap(code);
+}
+
+void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q,
+                       const CSSEMatrix::QzSCompressionParameters& p, unsigned char* out, const PassOffset* offset)
+{
+    const auto bands = [&](const UniformMapKernel& kernel) {
+        if (offset != nullptr)
+            quantizeBands<true>(m, kernel, out, offset);
+        else
+            quantizeBands<false>(m, kernel, out, nullptr);
+    };
     if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)) {
         const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
-        quantizeBands(m, UniformMapKernel(uniform, RyFloatingPointQuantizationUniform::c_ulTopCode, nullptr, p), out);
+        bands(UniformMapKernel(uniform, RyFloatingPointQuantizationUniform::c_ulTopCode, nullptr, p));
         return;
     }
     if (typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
         const auto& withInvalid = static_cast<const RyFloatingPointQuantizationUniformWithInvalid&>(q);
-        quantizeBands(m,
-                      UniformMapKernel(withInvalid, RyFloatingPointQuantizationUniformWithInvalid::c_ulTopCode,
-                                       &withInvalid, p),
-                      out);
+        bands(UniformMapKernel(withInvalid, RyFloatingPointQuantizationUniformWithInvalid::c_ulTopCode, &withInvalid, p));
         return;
     }
     const size_t width = static_cast<size_t>(m.GetSizeX());
     for (int y = 0; y < m.GetSizeY(); ++y)
         for (int x = 0; x < m.GetSizeX(); ++x) {
             float v = m.GetPointUnsafe(x, y);
+            if (offset != nullptr)
+                v = v - offset->values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
             if (p.m_bUseFixedRange) {
                 if (v > p.m_fRangeMax)
                     v = p.m_fRangeMax;
@@ -253,9 +286,18 @@ void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q
         }
 }
 
-ValueRange RangeFromExtremes(const CSSEMatrix& m, const LaneExtremes& e)
+std::optional<ValueRange> RangeFromExtremes(const CSSEMatrix* m, const LaneExtremes& e)
 {
-    return finishRange(m, e.min, e.max, false, 0.0f);
+    if (m != nullptr)
+        return finishRange(*m, e.min, e.max, false, 0.0f);
+    alignas(16) float mins[4];
+    alignas(16) float maxs[4];
+    _mm_store_ps(mins, e.min);
+    _mm_store_ps(maxs, e.max);
+    for (int lane = 0; lane < 4; ++lane)
+        if (mins[lane] == 0.0f || maxs[lane] == 0.0f)
+            return std::nullopt;
+    return finishRange(CSSEMatrix(), e.min, e.max, false, 0.0f);
 }
 
 } // namespace qzsse::detail

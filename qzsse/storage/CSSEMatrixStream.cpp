@@ -593,6 +593,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
         CSSEMatrix residual;
         // The range scan's answer for `coded`, when the sweep that made it found it.
         std::optional<ValueRange> codedRange;
+        // The residual of a PNG first pass that only a second pass reads is not stored: the
+        // second pass takes the first off the matrix as it reads it.
+        std::unique_ptr<PassOffset> offset;
         // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
         SettledStairs failedPasses;
@@ -626,7 +629,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 RbArray<unsigned char> codes;
                 if (coded->m_Data != nullptr) {
                     codes.SetSize(static_cast<std::ptrdiff_t>(pixels));
-                    QuantizePassCodes(*coded, *used, params, codes.GetData());
+                    QuantizePassCodes(*coded, *used, params, codes.GetData(), offset.get());
                 }
                 appendBuffer(description, out.bytes);
                 writeJpegPass(codes, m_SizeX, m_SizeY, params.m_fJPEGQuality, out.bytes);
@@ -636,7 +639,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 appendBuffer(description, out.bytes);
                 if (coded->m_Data != nullptr && pixels > 0) {
                     out.codes = spareCodes ? std::move(spareCodes) : std::unique_ptr<unsigned char[]>(new unsigned char[pixels]);
-                    QuantizePassCodes(*coded, *used, params, out.codes.get());
+                    QuantizePassCodes(*coded, *used, params, out.codes.get(), offset.get());
                 }
                 // A PNG pass that a later PNG pass refines takes the quicker deflate.
                 const bool quick = method == 2 && !last;
@@ -645,7 +648,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                     if (passBytes.size() >= 2) {
                         PassOutput& before = *passBytes[passBytes.size() - 2];
                         before.wait();
-                        if (before.assumedReadable)
+                        if (before.assumedReadable && !offset)
                             spareCodes = std::move(before.codes);
                     }
                     // The last pass's PNG is written below, on this thread beside the error sweep.
@@ -695,7 +698,8 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 settled.Create(m_SizeX, m_SizeY);
             if (w == width && h == height && static_cast<unsigned long long>(codeCount) == static_cast<unsigned long long>(w) * h) {
                 CSSEMatrix* target = nullptr;
-                if (!last) {
+                const bool unstored = k == 0 && passes == 2 && codes == out.codes.get();
+                if (!last && !unstored) {
                     if (coded == this)
                         residual.CreateNoClear(m_SizeX, m_SizeY);
                     target = &residual;
@@ -703,7 +707,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 CSSEMatrix* settling = settled.m_Data ? &settled : nullptr;
                 LaneExtremes extremes;
                 if (pool != nullptr && last && out.assumedReadable) {
-                    RbTask sweep([&] { extremes = SubtractPassCodes(*coded, nullptr, settling, codes, *q, hasInvalid, invalid); });
+                    RbTask sweep([&] {
+                        extremes = SubtractPassCodes(*coded, nullptr, settling, codes, *q, hasInvalid, invalid, offset.get());
+                    });
                     pool->AddTask(&sweep);
                     try {
                         out.pngBytes = writePngPass(out.codes.get(), width, height, false, out.bytes, workspace, pool);
@@ -713,18 +719,36 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                     }
                     sweep.WaitUntilTerminate();
                 } else {
-                    extremes = SubtractPassCodes(*coded, target, settling, codes, *q, hasInvalid, invalid);
+                    extremes = SubtractPassCodes(*coded, target, settling, codes, *q, hasInvalid, invalid, offset.get());
                 }
                 if (last) {
                     error = ErrorFromExtremes(extremes);
+                } else if (target == nullptr) {
+                    codedRange = RangeFromExtremes(nullptr, extremes);
+                    if (codedRange) {
+                        offset = std::make_unique<PassOffset>(codes, *q);
+                    } else {
+                        // A zero end of the range needs the residual itself.
+                        residual.CreateNoClear(m_SizeX, m_SizeY);
+                        const LaneExtremes again = SubtractPassCodes(*this, &residual, nullptr, codes, *q, false, 0.0f);
+                        coded = &residual;
+                        codedRange = RangeFromExtremes(&residual, again);
+                    }
                 } else {
                     coded = &residual;
-                    codedRange = RangeFromExtremes(residual, extremes);
+                    codedRange = RangeFromExtremes(&residual, extremes);
                 }
             } else {
                 if (coded == this) {
                     residual = *this;
                     coded = &residual;
+                    // Before any pass settled an element, the first pass is taken off everywhere.
+                    if (offset)
+                        for (int y = 0; y < m_SizeY; ++y)
+                            for (int x = 0; x < m_SizeX; ++x)
+                                *residual.GetPointAddressUnsafe(x, y) -=
+                                    offset->values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
+                    offset.reset();
                 }
                 if (settled.m_Data == nullptr)
                     settled.Create(m_SizeX, m_SizeY);
@@ -742,7 +766,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 if (last)
                     error = maxAbsValue(residual);
             }
-            if (pool == nullptr && !spareCodes)
+            if (pool == nullptr && !spareCodes && !(offset && offset->codes == out.codes.get()))
                 spareCodes = std::move(out.codes);
         }
         // Every PNG taken as readable must have come out so; otherwise the entry is written

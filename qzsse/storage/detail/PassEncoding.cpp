@@ -4,6 +4,7 @@
 #include <cmath>
 #include <emmintrin.h>
 #include <limits>
+#include <type_traits>
 
 #include "qzsse/base/RyFloatingPointQuantization.h"
 #include "qzsse/matrix/detail/BandWalk.h"
@@ -16,9 +17,22 @@ constexpr float c_fLargestFloat = std::numeric_limits<float>::max();
 // CalcMinMaxValues starts its extremes here.
 constexpr float c_fMinMaxSeed = 1000000.0f;
 
-template <bool Store, bool WithSettled>
+// Four lanes of a pass of row-major codes (rows of stride bytes) at column x, `rows` of them
+// real (0 in the others).
+inline __m128 passLanes(const unsigned char* row, size_t stride, size_t x, int rows, const float* values)
+{
+    if (rows == 4)
+        return _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
+                           values[row[3 * stride + x]]);
+    alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    for (int r = 0; r < rows; ++r)
+        lanes[r] = values[row[static_cast<size_t>(r) * stride + x]];
+    return _mm_load_ps(lanes);
+}
+
+template <bool Store, bool WithSettled, bool WithOffset>
 LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* settled, const unsigned char* codes,
-                        const float* values, bool hasInvalid, float invalid)
+                        const float* values, bool hasInvalid, float invalid, const PassOffset* offset)
 {
     const __m128 zero = _mm_setzero_ps();
     const __m128 one = _mm_set1_ps(1.0f);
@@ -37,7 +51,15 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
     __m128 min0 = largest, min1 = largest, max0 = lowest, max1 = lowest;
 
     const auto combine = [&](int j, int x, __m128 tv, __m128 real, __m128& runMin, __m128& runMax) {
-        const __m128 before = s[j][x];
+        __m128 before = s[j][x];
+        if constexpr (WithOffset) {
+            const int rows = std::clamp(height - 4 * j, 0, 4);
+            if (rows > 0 && x < width)
+                before = _mm_sub_ps(before, passLanes(offset->codes + static_cast<size_t>(4 * j) * stride, stride,
+                                                      static_cast<size_t>(x), rows, offset->values));
+            else
+                before = _mm_sub_ps(before, zero);
+        }
         __m128 r = _mm_sub_ps(before, tv);
         if constexpr (WithSettled) {
             r = select(_mm_cmpeq_ps(m[j][x], zero), r, before);
@@ -58,28 +80,16 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
         int x = 0;
         if (rows == 4) {
             for (; x + 1 < width; x += 2) {
-                combine(j, x,
-                        _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
-                                    values[row[3 * stride + x]]),
-                        all, min0, max0);
-                combine(j, x + 1,
-                        _mm_setr_ps(values[row[x + 1]], values[row[stride + x + 1]], values[row[2 * stride + x + 1]],
-                                    values[row[3 * stride + x + 1]]),
-                        all, min1, max1);
+                combine(j, x, passLanes(row, stride, static_cast<size_t>(x), 4, values), all, min0, max0);
+                combine(j, x + 1, passLanes(row, stride, static_cast<size_t>(x) + 1, 4, values), all, min1, max1);
             }
             for (; x < width; ++x)
-                combine(j, x,
-                        _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
-                                    values[row[3 * stride + x]]),
-                        all, min0, max0);
+                combine(j, x, passLanes(row, stride, static_cast<size_t>(x), 4, values), all, min0, max0);
         } else {
             const __m128 real = realRowsMask(j, height);
-            for (; x < width; ++x) {
-                alignas(16) float lanes[4] = {0.0f, 0.0f, 0.0f, 0.0f};
-                for (int r = 0; r < rows; ++r)
-                    lanes[r] = values[row[static_cast<size_t>(r) * stride + static_cast<size_t>(x)]];
-                combine(j, x, _mm_load_ps(lanes), real, min0, max0);
-            }
+            for (; x < width; ++x)
+                combine(j, x, rows > 0 ? passLanes(row, stride, static_cast<size_t>(x), rows, values) : zero, real,
+                        min0, max0);
         }
         // Columns beyond the width, where the storage has any.
         for (; x < src.GetSSESizeX(); ++x)
@@ -92,16 +102,21 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
 
 LaneExtremes SubtractPassCodes(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* settled,
                                const unsigned char* codes, const RyFloatingPointQuantization& q, bool hasInvalid,
-                               float invalid)
+                               float invalid, const PassOffset* offset)
 {
     float values[256];
     for (unsigned long c = 0; c < 256; ++c)
         values[c] = q.Unmap(c);
+    const auto as = [&](auto store, auto withSettled) {
+        if (offset != nullptr)
+            return subtractAs<store(), withSettled(), true>(src, dst, settled, codes, values, hasInvalid, invalid, offset);
+        return subtractAs<store(), withSettled(), false>(src, dst, settled, codes, values, hasInvalid, invalid, nullptr);
+    };
+    using Yes = std::true_type;
+    using No = std::false_type;
     if (dst != nullptr)
-        return settled != nullptr ? subtractAs<true, true>(src, dst, settled, codes, values, hasInvalid, invalid)
-                                  : subtractAs<true, false>(src, dst, nullptr, codes, values, hasInvalid, invalid);
-    return settled != nullptr ? subtractAs<false, true>(src, nullptr, settled, codes, values, hasInvalid, invalid)
-                              : subtractAs<false, false>(src, nullptr, nullptr, codes, values, hasInvalid, invalid);
+        return settled != nullptr ? as(Yes{}, Yes{}) : as(Yes{}, No{});
+    return settled != nullptr ? as(No{}, Yes{}) : as(No{}, No{});
 }
 
 float ErrorFromExtremes(const LaneExtremes& e)
