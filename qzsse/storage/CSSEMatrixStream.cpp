@@ -602,6 +602,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
         // One deflate at a time, on the caller's thread or as a task, so one set of buffers.
         PngWriteWorkspace workspace;
         std::unique_ptr<unsigned char[]> spareCodes;
+        RbArray<unsigned char> jpegCodes;
         if (passes == 0)
             error = maxAbsValue(*this);
         for (unsigned int k = 0; k < passes; ++k) {
@@ -626,13 +627,11 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
             if (method == 1 || (method == 3 && k > 0)) {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     WritePassQuantizer(*coded, params, false, scanned, description);
-                RbArray<unsigned char> codes;
-                if (coded->m_Data != nullptr) {
-                    codes.SetSize(static_cast<std::ptrdiff_t>(pixels));
-                    QuantizePassCodes(*coded, *used, params, codes.GetData(), offset.get());
-                }
+                jpegCodes.SetSize(coded->m_Data != nullptr ? static_cast<std::ptrdiff_t>(pixels) : 0);
+                if (coded->m_Data != nullptr)
+                    QuantizePassCodes(*coded, *used, params, jpegCodes.GetData(), offset.get());
                 appendBuffer(description, out.bytes);
-                writeJpegPass(codes, m_SizeX, m_SizeY, params.m_fJPEGQuality, out.bytes);
+                writeJpegPass(jpegCodes, m_SizeX, m_SizeY, params.m_fJPEGQuality, out.bytes);
             } else {
                 const std::unique_ptr<RyFloatingPointQuantization> used =
                     WritePassQuantizer(*coded, params, params.m_bUseInvalidValue, scanned, description);
@@ -674,7 +673,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
             unsigned int w = 0;
             unsigned int h = 0;
             std::unique_ptr<RyFloatingPointQuantization> q;
-            RbArray<unsigned char> decoded;
+            std::vector<unsigned char> decoded;
             const unsigned char* codes = nullptr;
             size_t codeCount = 0;
             try {
@@ -687,9 +686,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                     h = height;
                     codeCount = pixels;
                 } else {
-                    decoded = decode(back, 8, w, h);
-                    codes = decoded.GetData();
-                    codeCount = static_cast<size_t>(decoded.GetSize());
+                    decoded = readPassCodes(back, w, h);
+                    codes = decoded.data();
+                    codeCount = decoded.size();
                 }
             } catch (const RbStreamException&) {
                 throwCodecWroteNothing("pass image");
@@ -753,13 +752,13 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                 if (settled.m_Data == nullptr)
                     settled.Create(m_SizeX, m_SizeY);
                 CSSEMatrix image;
-                if (codes != decoded.GetData()) {
-                    decoded.SetSize(static_cast<std::ptrdiff_t>(codeCount));
-                    std::copy(codes, codes + codeCount, decoded.GetData());
-                }
-                const bool decodedImage = preparePassImage(decoded, w, h, image);
+                RbArray<unsigned char> imageCodes;
+                imageCodes.SetSize(static_cast<std::ptrdiff_t>(codeCount));
+                if (codeCount > 0)
+                    std::copy(codes, codes + codeCount, imageCodes.GetData());
+                const bool decodedImage = preparePassImage(imageCodes, w, h, image);
                 if (decodedImage)
-                    image.deQuantize(*q, decoded);
+                    image.deQuantize(*q, imageCodes);
                 applyPass(residual, settled, decodedImage ? &image : nullptr, w, h, hasInvalid, invalid, true,
                           failedPasses);
                 codedRange.reset();
