@@ -123,16 +123,27 @@ public:
     {
     }
 
+    // Neither a fixed range nor an invalid value: the clamp and the invalid code drop out.
+    bool plain() const
+    {
+        return _mm_movemask_ps(_mm_or_ps(m_clamp, m_hasInvalid)) == 0;
+    }
+
+    template <bool Plain = false>
     __m128i codes(__m128 v) const
     {
-        v = select(_mm_and_ps(m_clamp, _mm_cmpgt_ps(v, m_rangeMax)), m_rangeMax, v);
-        v = select(_mm_and_ps(m_clamp, _mm_cmplt_ps(v, m_rangeMin)), m_rangeMin, v);
+        if constexpr (!Plain) {
+            v = select(_mm_and_ps(m_clamp, _mm_cmpgt_ps(v, m_rangeMax)), m_rangeMax, v);
+            v = select(_mm_and_ps(m_clamp, _mm_cmplt_ps(v, m_rangeMin)), m_rangeMin, v);
+        }
         const __m128 scaled = _mm_mul_ps(_mm_sub_ps(v, m_min), m_factor);
         const __m128 positive = _mm_cmpgt_ps(scaled, _mm_setzero_ps());
         // min(rounded, top) is rounded < top ? rounded : top, so the conversion only ever
         // sees 0.5 .. top; the other lanes are masked off by `positive`.
         const __m128 capped = _mm_min_ps(_mm_add_ps(scaled, _mm_set1_ps(0.5f)), m_top);
         const __m128i code = _mm_and_si128(_mm_cvttps_epi32(capped), _mm_castps_si128(positive));
+        if constexpr (Plain)
+            return code;
         const __m128i invalid = _mm_castps_si128(_mm_and_ps(m_hasInvalid, invalidLanes(v, m_invalid, m_invalidIsNaN)));
         const __m128i invalidCode = _mm_set1_epi32(static_cast<int>(RyFloatingPointQuantizationUniformWithInvalid::c_ulInvalidCode));
         return _mm_or_si128(_mm_and_si128(invalid, invalidCode), _mm_andnot_si128(invalid, code));
@@ -145,7 +156,7 @@ private:
 
 // Codes of the real rows, band by band: four columns at a time are turned from column
 // vectors into row vectors, and four such groups into 16 bytes of each row.
-template <bool WithOffset>
+template <bool WithOffset, bool Plain>
 void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned char* out, const PassOffset* offset)
 {
     const int width = m.GetSizeX();
@@ -174,8 +185,8 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
         __m128 r0 = element(band, x), r1 = element(band, x + 1), r2 = element(band, x + 2), r3 = element(band, x + 3);
         _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
         // Byte 4r + c: row r, column x + c.
-        return _mm_packus_epi16(_mm_packs_epi32(kernel.codes(r0), kernel.codes(r1)),
-                                _mm_packs_epi32(kernel.codes(r2), kernel.codes(r3)));
+        return _mm_packus_epi16(_mm_packs_epi32(kernel.codes<Plain>(r0), kernel.codes<Plain>(r1)),
+                                _mm_packs_epi32(kernel.codes<Plain>(r2), kernel.codes<Plain>(r3)));
     };
     for (int j = 0; 4 * j < height; ++j) {
         bandIndex = j;
@@ -203,7 +214,7 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
         }
         for (; x < width; ++x) {
             alignas(16) std::int32_t codes[4];
-            _mm_store_si128(reinterpret_cast<__m128i*>(codes), kernel.codes(element(band, x)));
+            _mm_store_si128(reinterpret_cast<__m128i*>(codes), kernel.codes<Plain>(element(band, x)));
             for (int r = 0; r < rows; ++r)
                 rowStart[static_cast<size_t>(r) * width + x] = static_cast<unsigned char>(codes[r]);
         }
@@ -256,9 +267,11 @@ void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q
 {
     const auto bands = [&](const UniformMapKernel& kernel) {
         if (offset != nullptr)
-            quantizeBands<true>(m, kernel, out, offset);
+            kernel.plain() ? quantizeBands<true, true>(m, kernel, out, offset)
+                           : quantizeBands<true, false>(m, kernel, out, offset);
         else
-            quantizeBands<false>(m, kernel, out, nullptr);
+            kernel.plain() ? quantizeBands<false, true>(m, kernel, out, nullptr)
+                           : quantizeBands<false, false>(m, kernel, out, nullptr);
     };
     if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)) {
         const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
