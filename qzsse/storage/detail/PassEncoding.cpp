@@ -19,7 +19,7 @@ constexpr float c_fMinMaxSeed = 1000000.0f;
 
 // Four lanes of a pass of row-major codes (rows of stride bytes) at column x, `rows` of them
 // real (0 in the others).
-inline __m128 passLanes(const unsigned char* row, size_t stride, size_t x, int rows, const float* values)
+[[gnu::always_inline]] inline __m128 passLanes(const unsigned char* row, size_t stride, size_t x, int rows, const float* values)
 {
     if (rows == 4)
         return _mm_setr_ps(values[row[x]], values[row[stride + x]], values[row[2 * stride + x]],
