@@ -163,7 +163,7 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
     const int height = m.GetSizeY();
     __m128** data = m.GetMatrixDataDirectly();
     // Element (x, 4j + lane) of the matrix that is coded.
-    const float* values = WithOffset ? offset->values : nullptr;
+    const float* values = WithOffset ? offset->values.values : nullptr;
     const size_t stride = static_cast<size_t>(width);
     int bandIndex = 0;
     const auto element = [&](const __m128* band, int x) {
@@ -182,7 +182,18 @@ void quantizeBands(const CSSEMatrix& m, const UniformMapKernel& kernel, unsigned
         }
     };
     const auto rowsOfFour = [&](const __m128* band, int x) {
-        __m128 r0 = element(band, x), r1 = element(band, x + 1), r2 = element(band, x + 2), r3 = element(band, x + 3);
+        __m128 r0, r1, r2, r3;
+        if (WithOffset && height - 4 * bandIndex >= 4) {
+            __m128 off[4];
+            ColumnValues4(offset->codes + static_cast<size_t>(4 * bandIndex) * stride, stride, static_cast<size_t>(x),
+                          offset->values, off);
+            r0 = _mm_sub_ps(band[x], off[0]);
+            r1 = _mm_sub_ps(band[x + 1], off[1]);
+            r2 = _mm_sub_ps(band[x + 2], off[2]);
+            r3 = _mm_sub_ps(band[x + 3], off[3]);
+        } else {
+            r0 = element(band, x), r1 = element(band, x + 1), r2 = element(band, x + 2), r3 = element(band, x + 3);
+        }
         _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
         // Byte 4r + c: row r, column x + c.
         return _mm_packus_epi16(_mm_packs_epi32(kernel.codes<Plain>(r0), kernel.codes<Plain>(r1)),
@@ -256,10 +267,22 @@ std::unique_ptr<RyFloatingPointQuantization> WritePassQuantizer(const CSSEMatrix
 
 // The library's own quantisers are mapped four lanes at a time; any other implementation
 // of the interface is called element by element.
-PassOffset::PassOffset(const unsigned char* c, const RyFloatingPointQuantization& q) : codes(c)
+PassValues::PassValues(const RyFloatingPointQuantization& q)
 {
     for (unsigned long code = 0; code < 256; ++code)
         values[code] = q.Unmap(code);
+    if (typeid(q) == typeid(RyFloatingPointQuantizationUniform)
+        || typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
+        const auto& uniform = static_cast<const RyFloatingPointQuantizationUniform&>(q);
+        this->uniform = true;
+        min = uniform.GetMin();
+        factor = uniform.GetFactor();
+        static_assert(RyFloatingPointQuantizationUniformWithInvalid::c_ulInvalidCode == 255);
+        if (typeid(q) == typeid(RyFloatingPointQuantizationUniformWithInvalid)) {
+            withInvalid = true;
+            invalid = static_cast<const RyFloatingPointQuantizationUniformWithInvalid&>(q).GetInvalidValue();
+        }
+    }
 }
 
 void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q,
@@ -288,7 +311,7 @@ void QuantizePassCodes(const CSSEMatrix& m, const RyFloatingPointQuantization& q
         for (int x = 0; x < m.GetSizeX(); ++x) {
             float v = m.GetPointUnsafe(x, y);
             if (offset != nullptr)
-                v = v - offset->values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
+                v = v - offset->values.values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
             if (p.m_bUseFixedRange) {
                 if (v > p.m_fRangeMax)
                     v = p.m_fRangeMax;

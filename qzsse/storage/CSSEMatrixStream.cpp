@@ -746,7 +746,7 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
                         for (int y = 0; y < m_SizeY; ++y)
                             for (int x = 0; x < m_SizeX; ++x)
                                 *residual.GetPointAddressUnsafe(x, y) -=
-                                    offset->values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
+                                    offset->values.values[offset->codes[static_cast<size_t>(y) * width + static_cast<size_t>(x)]];
                     offset.reset();
                 }
                 if (settled.m_Data == nullptr)

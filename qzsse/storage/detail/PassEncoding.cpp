@@ -32,8 +32,9 @@ constexpr float c_fMinMaxSeed = 1000000.0f;
 
 template <bool Store, bool WithSettled, bool WithOffset>
 LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* settled, const unsigned char* codes,
-                        const float* values, bool hasInvalid, float invalid, const PassOffset* offset)
+                        const PassValues& pass, bool hasInvalid, float invalid, const PassOffset* offset)
 {
+    const float* values = pass.values;
     const __m128 zero = _mm_setzero_ps();
     const __m128 one = _mm_set1_ps(1.0f);
     const __m128 inv = _mm_set1_ps(invalid);
@@ -50,16 +51,11 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
     // Two running pairs halve the dependency chains; extremes do not depend on the order.
     __m128 min0 = largest, min1 = largest, max0 = lowest, max1 = lowest;
 
-    const auto combine = [&](int j, int x, __m128 tv, __m128 real, __m128& runMin, __m128& runMax) {
+    // ov: the offset pass's value (WithOffset).
+    const auto combineWith = [&](int j, int x, __m128 tv, __m128 ov, __m128 real, __m128& runMin, __m128& runMax) {
         __m128 before = s[j][x];
-        if constexpr (WithOffset) {
-            const int rows = std::clamp(height - 4 * j, 0, 4);
-            if (rows > 0 && x < width)
-                before = _mm_sub_ps(before, passLanes(offset->codes + static_cast<size_t>(4 * j) * stride, stride,
-                                                      static_cast<size_t>(x), rows, offset->values));
-            else
-                before = _mm_sub_ps(before, zero);
-        }
+        if constexpr (WithOffset)
+            before = _mm_sub_ps(before, ov);
         __m128 r = _mm_sub_ps(before, tv);
         if constexpr (WithSettled) {
             r = select(_mm_cmpeq_ps(m[j][x], zero), r, before);
@@ -72,6 +68,16 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
         runMin = _mm_min_ps(select(real, r, largest), runMin);
         runMax = _mm_max_ps(select(real, r, lowest), runMax);
     };
+    const auto combine = [&](int j, int x, __m128 tv, __m128 real, __m128& runMin, __m128& runMax) {
+        __m128 ov = zero;
+        if constexpr (WithOffset) {
+            const int rows = std::clamp(height - 4 * j, 0, 4);
+            if (rows > 0 && x < width)
+                ov = passLanes(offset->codes + static_cast<size_t>(4 * j) * stride, stride, static_cast<size_t>(x), rows,
+                               offset->values.values);
+        }
+        combineWith(j, x, tv, ov, real, runMin, runMax);
+    };
 
     const __m128 all = _mm_cmpeq_ps(zero, zero);
     for (int j = 0; j < src.GetSSESizeY(); ++j) {
@@ -79,6 +85,18 @@ LaneExtremes subtractAs(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatrix* sett
         const unsigned char* row = codes + static_cast<size_t>(4 * j) * stride;
         int x = 0;
         if (rows == 4) {
+            const unsigned char* offsetRow = WithOffset ? offset->codes + static_cast<size_t>(4 * j) * stride : nullptr;
+            for (; x + 4 <= width; x += 4) {
+                __m128 tv[4];
+                __m128 ov[4] = {zero, zero, zero, zero};
+                ColumnValues4(row, stride, static_cast<size_t>(x), pass, tv);
+                if constexpr (WithOffset)
+                    ColumnValues4(offsetRow, stride, static_cast<size_t>(x), offset->values, ov);
+                combineWith(j, x, tv[0], ov[0], all, min0, max0);
+                combineWith(j, x + 1, tv[1], ov[1], all, min1, max1);
+                combineWith(j, x + 2, tv[2], ov[2], all, min0, max0);
+                combineWith(j, x + 3, tv[3], ov[3], all, min1, max1);
+            }
             for (; x + 1 < width; x += 2) {
                 combine(j, x, passLanes(row, stride, static_cast<size_t>(x), 4, values), all, min0, max0);
                 combine(j, x + 1, passLanes(row, stride, static_cast<size_t>(x) + 1, 4, values), all, min1, max1);
@@ -104,9 +122,7 @@ LaneExtremes SubtractPassCodes(const CSSEMatrix& src, CSSEMatrix* dst, CSSEMatri
                                const unsigned char* codes, const RyFloatingPointQuantization& q, bool hasInvalid,
                                float invalid, const PassOffset* offset)
 {
-    float values[256];
-    for (unsigned long c = 0; c < 256; ++c)
-        values[c] = q.Unmap(c);
+    const PassValues values(q);
     const auto as = [&](auto store, auto withSettled) {
         if (offset != nullptr)
             return subtractAs<store(), withSettled(), true>(src, dst, settled, codes, values, hasInvalid, invalid, offset);
