@@ -95,6 +95,24 @@ ValueRange scanRange(const CSSEMatrix& m, bool skipInvalid, float invalid)
     for (int j = 0; j < realBands; ++j) {
         const __m128 real = realRowsMask(j, m.GetSizeY());
         const __m128* band = data[j];
+        if (!skipInvalid && 4 * j + 4 <= m.GetSizeY()) {
+            // Every lane takes part: two running pairs, as the order does not matter.
+            __m128 min1 = largest, max1 = lowest;
+            int x = 0;
+            for (; x + 1 < m.GetSizeX(); x += 2) {
+                vmin = _mm_min_ps(band[x], vmin);
+                vmax = _mm_max_ps(band[x], vmax);
+                min1 = _mm_min_ps(band[x + 1], min1);
+                max1 = _mm_max_ps(band[x + 1], max1);
+            }
+            if (x < m.GetSizeX()) {
+                vmin = _mm_min_ps(band[x], vmin);
+                vmax = _mm_max_ps(band[x], vmax);
+            }
+            vmin = _mm_min_ps(min1, vmin);
+            vmax = _mm_max_ps(max1, vmax);
+            continue;
+        }
         for (int x = 0; x < m.GetSizeX(); ++x) {
             const __m128 v = band[x];
             const __m128 keep = _mm_andnot_ps(_mm_and_ps(skip, invalidLanes(v, invalidV, invalidIsNaN)), real);
