@@ -586,6 +586,9 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
         if (pool != nullptr && (g_bDirectPassDecoding || pixels == 0 || m_Data == nullptr
                                 || !DecodedSizeAllowed(width, height, 8, MaxDecodedBytes())))
             pool = nullptr;
+        // One deflate at a time, on the caller's thread or as a task, so one set of buffers.
+        PngWriteWorkspace workspace;
+        // Declared after what the tasks use, so that it waits for them before those go.
         PassTasks tasks{passBytes};
         // Pass 0 codes the matrix itself; what later passes code is the residual, made by the
         // first pass that leaves one, and updated in place.
@@ -599,8 +602,6 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
         // Allocated by the first pass that can settle an element.
         CSSEMatrix settled;
         SettledStairs failedPasses;
-        // One deflate at a time, on the caller's thread or as a task, so one set of buffers.
-        PngWriteWorkspace workspace;
         std::unique_ptr<unsigned char[]> spareCodes;
         RbArray<unsigned char> jpegCodes;
         if (passes == 0)
