@@ -22,7 +22,7 @@ public:
     unsigned char* data() { return m_data; }
     size_t size() const { return m_size; }
 
-    // n writable bytes after the end (contents unspecified); commit what was written with
+    // n writable bytes after the end (contents undefined); commit what was written with
     // resize(). Throws std::bad_alloc.
     unsigned char* room(size_t n)
     {

@@ -50,7 +50,7 @@ public:
     struct Buffer {
         std::unique_ptr<unsigned char[]> bytes;
         size_t capacity = 0;
-        // At least n bytes, contents unspecified; null when allocation fails.
+        // At least n bytes, not initialised; null when allocation fails.
         unsigned char* at_least(size_t n);
     };
     // The trials' streams: Up and Paeth with matches, then with literals only.
