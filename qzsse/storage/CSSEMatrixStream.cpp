@@ -678,8 +678,10 @@ void CSSEMatrix::Serialize(RbStreamWriteBinary& stream, RbThreadPool* pool) cons
             const unsigned char* codes = nullptr;
             size_t codeCount = 0;
             try {
-                // The description alone when the PNG may still be being written.
-                RbStreamReadBinaryBuffer back(out.bytes.data(), writtenReadable ? description.GetSize() : out.bytes.size());
+                // The description alone, from its own buffer, when a task may still be
+                // appending the PNG to the pass's bytes (and moving them).
+                RbStreamReadBinaryBuffer back(writtenReadable ? description.GetData() : out.bytes.data(),
+                                              writtenReadable ? description.GetSize() : out.bytes.size());
                 q = createQuantizer(back, c_uiStreamVersion, hasInvalid, invalid);
                 if (writtenReadable) {
                     codes = out.codes.get();
