@@ -26,7 +26,6 @@
 
 #include "support/NpyReader.h"
 #include "qzsse/base/RbStreamReadBinaryBuffer.h"
-#include "qzsse/base/RbThreadPool.h"
 #include "qzsse/base/RbStreamWriteBinaryBuffer.h"
 #include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/storage/QzCSSEMatrixLibrary.h"
@@ -655,6 +654,8 @@ int RegisterAll()
 } // namespace
 
 // --- encode with a thread pool (opt-in) -------------------------------------------------------
+
+#include "qzsse/base/RbThreadPool.h"
 
 namespace {
 
