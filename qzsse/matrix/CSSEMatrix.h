@@ -286,6 +286,10 @@ public:
     // throws std::runtime_error, and a matrix without storage std::logic_error, both with
     // nothing written. An invalid value NaN matches every NaN.
     void Serialize(RbStreamWriteBinary& stream) const;
+    // Serialize(stream) with the deflate of each PNG pass handed to pool as a task while the
+    // caller's thread goes on with the next pass (or the error); the bytes and the error are
+    // those of Serialize(stream). Null: everything on the caller's thread. Off unless asked.
+    void Serialize(RbStreamWriteBinary& stream, class RbThreadPool* pool) const;
     void Serialize(RbStreamReadBinary& stream);
     // Untrusted bytes: impossible sizes, raw floats or pass images that the rest of the
     // stream cannot hold, and more than 255 passes throw RbStreamException before the matrix

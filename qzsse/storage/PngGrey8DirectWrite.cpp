@@ -1,5 +1,7 @@
 #include "qzsse/storage/detail/PngGrey8Direct.h"
 
+#include "qzsse/base/RbThreadPool.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -8,6 +10,7 @@
 #include <emmintrin.h>
 #include <limits>
 #include <memory>
+#include <iterator>
 #include <new>
 
 #include <libdeflate.h>
@@ -32,10 +35,6 @@ void storeBigEndian32(uint32_t v, unsigned char* p)
     p[2] = static_cast<unsigned char>(v >> 8);
     p[3] = static_cast<unsigned char>(v);
 }
-
-struct CompressorDeleter {
-    void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
-};
 
 int paethPredictor(int a, int b, int c)
 {
@@ -116,11 +115,11 @@ void filterRows(const unsigned char* pixels, size_t width, size_t y0, size_t y1,
     }
 }
 
-// A zlib stream of in with libdeflate at this level; 0 on failure.
-size_t deflateMatches(const unsigned char* in, size_t size, unsigned char* out, size_t capacity, int level)
+// A zlib stream of in with libdeflate's compressor of some level; 0 on failure.
+size_t deflateMatches(const unsigned char* in, size_t size, unsigned char* out, size_t capacity,
+                      libdeflate_compressor* compressor)
 {
-    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> c(libdeflate_alloc_compressor(level));
-    return c ? libdeflate_zlib_compress(c.get(), in, size, out, capacity) : 0;
+    return compressor ? libdeflate_zlib_compress(compressor, in, size, out, capacity) : 0;
 }
 
 size_t deflateMatchesBound(size_t size)
@@ -168,8 +167,9 @@ size_t deflateLiteralsBound(size_t size)
 struct PngEncoding {
     unsigned char filter;
     PngDeflate deflate;
-    // When the sample was the whole image: its IDAT stream, already made.
-    std::unique_ptr<unsigned char[]> stream;
+    // When the sample was the whole image: its IDAT stream, already made in the workspace;
+    // 0 bytes otherwise.
+    const unsigned char* stream = nullptr;
     size_t streamBytes = 0;
 };
 
@@ -205,7 +205,8 @@ constexpr double c_literalsMargin = 1.03;
 // middle of the image (the whole of a small one). Up wins ties: it is undone far faster.
 // The deflates with matches run first; a Huffman-only trial runs only when its entropy
 // estimate is below the smallest stream so far and near the other filter's estimate.
-PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t height, int level)
+PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t height, int level,
+                           PngWriteWorkspace& ws, RbThreadPool* pool)
 {
     const size_t rowBytes = width + 1;
     const size_t total = rowBytes * height;
@@ -218,36 +219,75 @@ PngEncoding chooseEncoding(const unsigned char* pixels, size_t width, size_t hei
     const size_t bytes = rows * rowBytes;
     const size_t capacity = std::max(deflateMatchesBound(bytes), deflateLiteralsBound(bytes));
     constexpr unsigned char filters[2] = {c_filterUp, c_filterPaeth};
-    std::unique_ptr<unsigned char[]> samples[2] = {std::unique_ptr<unsigned char[]>(new (std::nothrow) unsigned char[bytes]),
-                                                   std::unique_ptr<unsigned char[]>(new (std::nothrow) unsigned char[bytes])};
-    std::unique_ptr<unsigned char[]> scratch(new (std::nothrow) unsigned char[capacity]);
-    std::unique_ptr<unsigned char[]> kept(new (std::nothrow) unsigned char[capacity]);
     PngEncoding best{c_filterUp, PngDeflate::Matches, nullptr, 0};
-    if (!samples[0] || !samples[1] || !scratch || !kept)
+    unsigned char* samples[2] = {ws.samples[0].at_least(bytes), ws.samples[1].at_least(bytes)};
+    unsigned char* outputs[4];
+    for (int t = 0; t < 4; ++t)
+        outputs[t] = ws.trials[t].at_least(capacity);
+    if (!samples[0] || !samples[1] || !outputs[0] || !outputs[1] || !outputs[2] || !outputs[3])
         return best;
+
+    // Trial t: filter t % 2, literals only from t = 2 on; each writes its own output, so the
+    // two filters' trials may run at once.
+    size_t sizes[4] = {0, 0, 0, 0};
+    double estimates[2];
+    const auto matchTrial = [&](int f, int slot) {
+        filterRows(pixels, width, y0, y0 + rows, filters[f], samples[f]);
+        estimates[f] = literalsEstimate(samples[f], bytes);
+        sizes[f] = deflateMatches(samples[f], bytes, outputs[f], capacity, ws.compressor(level, slot));
+    };
+    const auto literalTrial = [&](int f) { sizes[2 + f] = deflateLiterals(samples[f], bytes, outputs[2 + f], capacity); };
+    const auto both = [&](auto&& first, auto&& second) {
+        if (pool == nullptr) {
+            first();
+            second();
+            return;
+        }
+        RbTask task(first);
+        pool->AddTask(&task);
+        try {
+            second();
+        } catch (...) {
+            task.WaitUntilTerminate();
+            throw;
+        }
+        task.WaitUntilTerminate();
+    };
+
     size_t smallest = std::numeric_limits<size_t>::max();
-    const auto consider = [&](size_t size, unsigned char filter, PngDeflate deflate) {
+    int kept = -1;
+    const auto consider = [&](int t) {
+        const size_t size = sizes[t];
+        const unsigned char filter = filters[t % 2];
         if (size == 0 || size > smallest || (size == smallest && (filter != c_filterUp || best.filter == c_filterUp)))
             return;
         smallest = size;
         best.filter = filter;
-        best.deflate = deflate;
-        std::swap(scratch, kept);
+        best.deflate = t < 2 ? PngDeflate::Matches : PngDeflate::Literals;
+        kept = t;
     };
-    double estimates[2];
-    for (int f = 0; f < 2; ++f) {
-        filterRows(pixels, width, y0, y0 + rows, filters[f], samples[f].get());
-        estimates[f] = literalsEstimate(samples[f].get(), bytes);
-        consider(deflateMatches(samples[f].get(), bytes, scratch.get(), capacity, level), filters[f],
-                 PngDeflate::Matches);
-    }
+    both([&] { matchTrial(0, pool != nullptr ? 1 : 0); }, [&] { matchTrial(1, 0); });
+    consider(0);
+    consider(1);
     const double leastEstimate = std::min(estimates[0], estimates[1]);
-    for (int f = 0; f < 2; ++f)
-        if (estimates[f] < static_cast<double>(smallest) && estimates[f] <= leastEstimate * c_literalsMargin)
-            consider(deflateLiterals(samples[f].get(), bytes, scratch.get(), capacity), filters[f],
-                     PngDeflate::Literals);
-    if (rows == height && smallest != std::numeric_limits<size_t>::max()) {
-        best.stream = std::move(kept);
+    const auto literalsMayWin = [&](int f) {
+        return estimates[f] < static_cast<double>(smallest) && estimates[f] <= leastEstimate * c_literalsMargin;
+    };
+    if (pool != nullptr && literalsMayWin(0) && literalsMayWin(1)) {
+        // Up's result may rule Paeth's out afterwards: then it is not considered, as if never run.
+        both([&] { literalTrial(0); }, [&] { literalTrial(1); });
+        consider(2);
+        if (literalsMayWin(1))
+            consider(3);
+    } else {
+        for (int f = 0; f < 2; ++f)
+            if (literalsMayWin(f)) {
+                literalTrial(f);
+                consider(2 + f);
+            }
+    }
+    if (rows == height && kept >= 0) {
+        best.stream = outputs[kept];
         best.streamBytes = smallest;
     }
     return best;
@@ -270,47 +310,74 @@ unsigned char* closeChunk(unsigned char* typeStart, uint32_t length)
 
 } // namespace
 
-bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
-                         std::vector<unsigned char>& out, PngDeflate* used, bool quick)
+unsigned char* PngWriteWorkspace::Buffer::at_least(size_t n)
+{
+    if (n > capacity) {
+        bytes.reset(new (std::nothrow) unsigned char[n]);
+        capacity = bytes ? n : 0;
+    }
+    return bytes.get();
+}
+
+PngWriteWorkspace::PngWriteWorkspace() = default;
+
+PngWriteWorkspace::~PngWriteWorkspace()
+{
+    for (auto& slot : m_compressors)
+        for (libdeflate_compressor* c : slot)
+            libdeflate_free_compressor(c);
+}
+
+libdeflate_compressor* PngWriteWorkspace::compressor(int level, int slot)
+{
+    if (level < 0 || level >= static_cast<int>(std::size(m_compressors[0])) || slot < 0 || slot > 1)
+        return nullptr;
+    libdeflate_compressor*& c = m_compressors[slot][level];
+    if (c == nullptr)
+        c = libdeflate_alloc_compressor(level);
+    return c;
+}
+
+size_t AppendPngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height, GrowingBytes& out,
+                            PngWriteWorkspace& ws, PngDeflate* used, bool quick, RbThreadPool* pool)
 {
     const int level = quick ? c_quickMatchLevel : c_matchLevel;
-    out.clear();
     if (width == 0 || height == 0 || width > c_maxPngDimension || height > c_maxPngDimension)
-        return false;
+        return 0;
     const size_t rowBytes = static_cast<size_t>(width) + 1;
     const size_t filteredBytes = rowBytes * height;
-    PngEncoding encoding = chooseEncoding(pixels, width, height, level);
-    std::unique_ptr<unsigned char[]> stream = std::move(encoding.stream);
-    size_t deflated = encoding.streamBytes;
-    if (!stream) {
-        std::unique_ptr<unsigned char[]> filtered(new (std::nothrow) unsigned char[filteredBytes]);
-        if (!filtered)
-            return false;
-        filterRows(pixels, width, 0, height, encoding.filter, filtered.get());
-        const size_t bound = encoding.deflate == PngDeflate::Literals ? deflateLiteralsBound(filteredBytes)
-                                                                      : deflateMatchesBound(filteredBytes);
-        if (bound == 0)
-            return false;
-        // Only the pages the deflate writes are touched; the bound is far above what it needs.
-        stream.reset(new (std::nothrow) unsigned char[bound]);
-        if (!stream)
-            return false;
-        deflated = encoding.deflate == PngDeflate::Literals
-                       ? deflateLiterals(filtered.get(), filteredBytes, stream.get(), bound)
-                       : deflateMatches(filtered.get(), filteredBytes, stream.get(), bound, level);
-    }
-    if (deflated == 0 || deflated > c_maxPngDimension)
-        return false;
-    // Signature, IHDR chunk, IDAT header, IDAT CRC, IEND chunk.
+    const PngEncoding encoding = chooseEncoding(pixels, width, height, level, ws, pool);
+    // Signature, IHDR chunk, IDAT header before the stream; IDAT CRC, IEND chunk after it.
     constexpr size_t before = 8 + 25 + 8;
     constexpr size_t after = 4 + 12;
+    const size_t start = out.size();
+    unsigned char* file = nullptr;
+    size_t deflated = encoding.streamBytes;
     try {
-        out.resize(before + deflated + after);
+        if (deflated != 0) {
+            file = out.room(before + deflated + after);
+            std::memcpy(file + before, encoding.stream, deflated);
+        } else {
+            unsigned char* filtered = ws.filtered.at_least(filteredBytes);
+            if (!filtered)
+                return 0;
+            filterRows(pixels, width, 0, height, encoding.filter, filtered);
+            const size_t bound = encoding.deflate == PngDeflate::Literals ? deflateLiteralsBound(filteredBytes)
+                                                                          : deflateMatchesBound(filteredBytes);
+            if (bound == 0)
+                return 0;
+            // Only the pages the deflate writes are touched; the bound is far above what it needs.
+            file = out.room(before + bound + after);
+            deflated = encoding.deflate == PngDeflate::Literals
+                           ? deflateLiterals(filtered, filteredBytes, file + before, bound)
+                           : deflateMatches(filtered, filteredBytes, file + before, bound, ws.compressor(level));
+        }
     } catch (const std::bad_alloc&) {
-        out.clear();
-        return false;
+        return 0;
     }
-    unsigned char* p = out.data();
+    if (deflated == 0 || deflated > c_maxPngDimension)
+        return 0;
+    unsigned char* p = file;
     std::memcpy(p, c_pngSignature, sizeof(c_pngSignature));
     p += sizeof(c_pngSignature);
 
@@ -324,14 +391,32 @@ bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsign
 
     chunk = p;
     p = appendChunkHeader(p, static_cast<uint32_t>(deflated), "IDAT");
-    std::memcpy(p, stream.get(), deflated);
     p = closeChunk(chunk + 4, static_cast<uint32_t>(deflated));
 
     chunk = p;
     p = appendChunkHeader(p, 0, "IEND");
     p = closeChunk(chunk + 4, 0);
+    const size_t fileBytes = static_cast<size_t>(p - file);
+    out.resize(start + fileBytes);
     if (used)
         *used = encoding.deflate;
+    return fileBytes;
+}
+
+bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
+                         std::vector<unsigned char>& out, PngDeflate* used, bool quick)
+{
+    out.clear();
+    PngWriteWorkspace ws;
+    GrowingBytes file;
+    if (AppendPngGrey8Direct(pixels, width, height, file, ws, used, quick) == 0)
+        return false;
+    try {
+        out.assign(file.data(), file.data() + file.size());
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return false;
+    }
     return true;
 }
 

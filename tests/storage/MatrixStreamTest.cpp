@@ -13,6 +13,7 @@
 
 #include "qzsse/base/CArchive.h"
 #include "qzsse/base/CFile.h"
+#include "qzsse/base/RbThreadPool.h"
 #include "qzsse/storage/ReaderLimits.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
 #include "qzsse/storage/detail/PassDecoding.h"
@@ -308,14 +309,15 @@ TEST(MatrixStreamPasses, ReusingTheCodesOfPngPassesWritesWhatDecodingThemWrites)
         float invalid;   // 0: no invalid value in use
         bool fixedRange;
         unsigned long long maxDecodedBytes;   // 0: default; 64 makes the decoder refuse every pass
+        bool constant = false;                // the first pass leaves a residual of zeros
     };
     const Case cases[] = {{0.0f, false, 0}, {-9.5f, false, 0}, {kNaN, false, 0},  {0.0f, true, 0},
-                          {kNaN, true, 0},  {0.0f, false, 64}, {-9.5f, true, 64}};
+                          {kNaN, true, 0},  {0.0f, false, 64}, {-9.5f, true, 64}, {0.0f, false, 0, true}};
     for (const Case& c : cases) {
         qzsse::SetReaderLimits({0, c.maxDecodedBytes});
-        CSSEMatrix surface = Surface(13, 11, 7);
-        for (int y = 0; y < 11; ++y)
-            for (int x = 0; x < 13; ++x)
+        CSSEMatrix surface = c.constant ? MatrixOf(21, 11, [](int, int) { return 3.25f; }) : Surface(13, 11, 7);
+        for (int y = 0; y < surface.GetSizeY(); ++y)
+            for (int x = 0; x < surface.GetSizeX(); ++x)
                 if (c.invalid != 0.0f && (x * 3 + y) % 5 == 0)
                     surface.SetPointUnsafe(x, y, c.invalid);
         auto& p = surface.GetCompressionParameters();
@@ -339,6 +341,69 @@ TEST(MatrixStreamPasses, ReusingTheCodesOfPngPassesWritesWhatDecodingThemWrites)
                 }
     }
     qzsse::SetReaderLimits({});
+}
+
+// The sample grids, and a surface whose rows end in every tail of the 16-column quantiser.
+std::vector<CSSEMatrix> SampleGrids()
+{
+    const qzsse::detail::NpyGrid topo =
+        qzsse::detail::ReadNpy(std::filesystem::path(__FILE__).parent_path() / "data" / "topobathy.npy");
+    return {JacksboroHeights(), MatrixOf(topo.width, topo.height, [&](int x, int y) { return topo.at(x, y); }),
+            Surface(37, 9, 3)};
+}
+
+TEST(MatrixStreamPool, WritesTheBytesAndErrorOfTheCallersThreadAlone)
+{
+    struct Case {
+        int method;
+        unsigned passes;
+        float bound;
+        bool invalid;
+    };
+    const Case cases[] = {{2, 1, 0.0f, false}, {2, 2, 0.5f, false}, {2, 2, 0.05f, false}, {1, 2, 0.0f, false},
+                          {3, 2, 0.0f, false}, {3, 3, 0.1f, false}, {2, 3, 0.01f, true}, {3, 2, 0.3f, true}};
+    RbThreadPool one(1);
+    RbThreadPool two(2);
+    for (const CSSEMatrix& grid : SampleGrids())
+        for (const Case& c : cases) {
+            CSSEMatrix m = Coded(grid, c.method, c.passes, c.bound);
+            if (c.invalid) {
+                for (int y = 0; y < m.GetSizeY(); ++y)
+                    for (int x = 0; x < m.GetSizeX(); ++x)
+                        if ((x * 7 + y * 3) % 23 == 0)
+                            m.SetPointUnsafe(x, y, -9999.0f);
+                m.GetCompressionParameters().m_bUseInvalidValue = true;
+                m.GetCompressionParameters().m_fInvalidValue = -9999.0f;
+            }
+            const Bytes alone = StreamBytes(m);
+            const float error = m.GetMaxAbsCompressionError();
+            for (RbThreadPool* pool : {&one, &two}) {
+                RbStreamWriteBinaryBuffer out;
+                m.Serialize(out, pool);
+                EXPECT_EQ(out.GetBytes(), alone) << grid.GetSizeX() << " " << c.method << " " << c.passes << " "
+                                                 << c.bound << " " << pool->GetThreadCount();
+                EXPECT_TRUE(SameValue(m.GetMaxAbsCompressionError(), error));
+            }
+        }
+}
+
+// One PNG pass reports the quantiser's own round trip, max |v - Unmap(Map(v))|, worked out
+// element by element from the description it wrote.
+TEST(MatrixStreamPasses, OnePngPassReportsTheRoundTripOfItsQuantizer)
+{
+    for (const CSSEMatrix& grid : SampleGrids())
+        for (float bound : {0.0f, 0.5f}) {
+            const CSSEMatrix m = Coded(grid, 2, 1, bound);
+            const Pass pass = ParsePasses(StreamBytes(m)).at(0);
+            const RyFloatingPointQuantizationUniform q(pass.min, pass.max, pass.factor);
+            float expected = 0.0f;
+            for (int y = 0; y < m.GetSizeY(); ++y)
+                for (int x = 0; x < m.GetSizeX(); ++x) {
+                    const float v = m.GetPointUnsafe(x, y);
+                    expected = std::max(expected, std::fabs(v - q.Unmap(q.Map(v))));
+                }
+            EXPECT_EQ(m.GetMaxAbsCompressionError(), expected) << grid.GetSizeX() << " " << bound;
+        }
 }
 
 // The reader's sum, element by element from the stream's own fields: each pass adds

@@ -9,7 +9,11 @@
 #include <memory>
 #include <vector>
 
+#include "qzsse/storage/detail/GrowingBytes.h"
 #include "qzsse/storage/detail/ImageCodecs.h"
+
+struct libdeflate_compressor;
+class RbThreadPool;
 
 namespace qzsse::detail {
 
@@ -33,6 +37,38 @@ enum class PngDeflate { Matches, Literals };
 // quick: libdeflate's level 1 instead of 2 for matches (twice as fast, about 3 % larger).
 bool WritePngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height,
                          std::vector<unsigned char>& out, PngDeflate* used = nullptr, bool quick = false);
+
+// The writer's buffers and compressors, kept across the passes of an entry so that the large
+// buffers are allocated and faulted in once. One workspace serves one thread at a time.
+class PngWriteWorkspace {
+public:
+    PngWriteWorkspace();
+    ~PngWriteWorkspace();
+    PngWriteWorkspace(const PngWriteWorkspace&) = delete;
+    PngWriteWorkspace& operator=(const PngWriteWorkspace&) = delete;
+
+    struct Buffer {
+        std::unique_ptr<unsigned char[]> bytes;
+        size_t capacity = 0;
+        // At least n bytes, not initialised; null when allocation fails.
+        unsigned char* at_least(size_t n);
+    };
+    // The trials' streams: Up and Paeth with matches, then with literals only.
+    Buffer filtered, samples[2], trials[4];
+    // A compressor of this level for each of two threads (slot 0 or 1).
+    libdeflate_compressor* compressor(int level, int slot = 0);
+
+private:
+    libdeflate_compressor* m_compressors[2][13] = {};
+};
+
+// WritePngGrey8Direct's file appended to out, deflated straight into it; returns the file's
+// size, 0 (out as it was) where WritePngGrey8Direct fails. With a pool, one filter's trials
+// run as a task of it beside the other's (the same file); the caller must not be one of the
+// pool's workers.
+size_t AppendPngGrey8Direct(const unsigned char* pixels, unsigned int width, unsigned int height, GrowingBytes& out,
+                            PngWriteWorkspace& workspace, PngDeflate* used = nullptr, bool quick = false,
+                            RbThreadPool* pool = nullptr);
 
 // Reads a PNG of exactly IHDR (8-bit grey, not interlaced), one IDAT and IEND, with any row
 // filters, CRCs and Adler checksum verified, into image (rows of width bytes) when its size
