@@ -44,6 +44,7 @@ InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
     m_last = static_cast<int>(c1);
     m_firstWord = (m_first - base) >> 6;
     m_lastWord = (m_last - base) >> 6;
+    m_origin = base + 64 * m_firstWord;
 
     m_edges.reserve(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
@@ -152,6 +153,7 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     // confirm the guess when they differ. A lane whose guess is not confirmed is searched.
     const __m128 vfy = _mm_set1_ps(fy);
     const __m128 one = _mm_set1_ps(1.0f);
+    const __m128i origin = _mm_set1_epi32(m_origin);
     alignas(16) int from[4], to[4];
     m_gone.clear();
     for (size_t k = 0; k < m_met; k += 4) {
@@ -193,20 +195,22 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         // partial toggle the first scanned column twice, which changes nothing.
         const __m128i suffix = _mm_castps_si128(atLast);
         const __m128i live = _mm_castps_si128(_mm_and_ps(_mm_xor_ps(atFirst, atLast), inRange(m_met - k)));
+        // Stored as bits of m_toggles (column minus m_origin).
         const __m128i none = _mm_set1_epi32(m_first);
         const __m128i fromI = _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI));
         const __m128i toI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
                                          _mm_andnot_si128(suffix, gI));
         _mm_store_si128(reinterpret_cast<__m128i*>(from),
-                        _mm_or_si128(_mm_and_si128(live, fromI), _mm_andnot_si128(live, none)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(to), _mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)));
+                        _mm_sub_epi32(_mm_or_si128(_mm_and_si128(live, fromI), _mm_andnot_si128(live, none)), origin));
+        _mm_store_si128(reinterpret_cast<__m128i*>(to),
+                        _mm_sub_epi32(_mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)), origin));
         if (const int searched = partial & ~confirmed; searched != 0) {
             const int atLastBits = _mm_movemask_ps(atLast);
             for (int lane = 0; lane < 4; ++lane) {
                 const int bit = 1 << lane;
                 if ((searched & bit) == 0)
                     continue;
-                const int b = boundary(k + static_cast<size_t>(lane), fy);
+                const int b = boundary(k + static_cast<size_t>(lane), fy) - m_origin;
                 if (atLastBits & bit)
                     from[lane] = b;
                 else
@@ -226,15 +230,15 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     }
 
     // The row: the running parity, flipped from each toggle on (a prefix xor of the toggles).
+    // Most words have no toggle: those are the running parity or its complement, two words
+    // at a time.
     std::uint64_t carry = 0;
     std::uint64_t* words = row + m_firstWord;
-    for (size_t w = 0; w < m_above.size(); ++w) {
-        std::uint64_t t = m_toggles[w];
-        if (t == 0) {
-            words[w] |= m_above[w] ^ carry;
-            continue;
-        }
-        m_toggles[w] = 0;
+    const std::uint64_t* above = m_above.data();
+    std::uint64_t* toggles = m_toggles.data();
+    const auto prefixWord = [&](size_t w) {
+        std::uint64_t t = toggles[w];
+        toggles[w] = 0;
         t ^= t << 1;
         t ^= t << 2;
         t ^= t << 4;
@@ -243,9 +247,25 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         t ^= t << 32;
         t ^= carry;
         carry = std::uint64_t(0) - (t >> 63);
-        words[w] |= m_above[w] ^ t;
+        words[w] |= above[w] ^ t;
+    };
+    const size_t n = m_above.size();
+    size_t w = 0;
+    for (; w + 2 <= n; w += 2) {
+        const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(toggles + w));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(t, _mm_setzero_si128())) == 0xffff) {
+            __m128i* out = reinterpret_cast<__m128i*>(words + w);
+            const __m128i flipped = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(above + w)),
+                                                  _mm_set1_epi64x(static_cast<long long>(carry)));
+            _mm_storeu_si128(out, _mm_or_si128(_mm_loadu_si128(out), flipped));
+            continue;
+        }
+        prefixWord(w);
+        prefixWord(w + 1);
     }
-    m_toggles[m_above.size()] = 0;
+    if (w < n)
+        prefixWord(w);
+    toggles[n] = 0;
     return true;
 }
 

@@ -47,10 +47,10 @@ private:
     void forget(size_t k);
     // Flips columns from .. to of a row held from word firstWord() on.
     void flip(std::uint64_t* words, int from, int to) const;
-    void toggle(int column)
+    // Flips bit b (a column minus m_origin, never negative) of the current row's toggles.
+    void toggle(int b)
     {
-        const int b = column - m_base;
-        m_toggles[static_cast<size_t>((b >> 6) - m_firstWord)] ^= std::uint64_t(1) << (b & 63);
+        m_toggles[static_cast<unsigned>(b) >> 6] ^= std::uint64_t(1) << (b & 63);
     }
     int boundary(size_t k, float fy) const;
 
@@ -59,6 +59,7 @@ private:
     int m_base = 0;
     int m_first = 0, m_last = -1; // columns the box test lets through
     int m_firstWord = 0, m_lastWord = -1;
+    int m_origin = 0; // the column of bit 0 of word m_firstWord
     std::vector<Edge> m_edges; // by decreasing maxY
     size_t m_next = 0;         // first edge not yet met
     // The edges met and not yet wholly above the row, as structure of arrays padded to a
