@@ -214,7 +214,8 @@ TEST(Fill, CharMatrixMatchesThePerPixelRule)
     }
 }
 
-// Larger outlines whose rows cross many edges and 64-column words: jagged stars, long
+// Larger outlines whose rows cross many edges and 64-column words: jagged stars (one
+// wider than the matrix by a word or more), long
 // near-horizontal zigzags (boundaries found by search), thin vertical teeth, self-crossing
 // scatters, outlines scaled from 1e-3 to 1e5 about the matrix (far edges that nearly pass
 // through pixels), integer and half-integer vertices (crossings exactly on pixels), and
@@ -227,6 +228,7 @@ std::vector<FillCase> AdversarialCases()
         cases.push_back({std::move(o), {}, width, height, false, -1e6f, 1e6f, 3.0f, 0.5f});
     };
     add(StarOutline(rng, 300, 100, 90, 20, 95), 200, 180);
+    add(StarOutline(rng, 400, 380, 70, 30, 420), 741, 150); // many words, past both sides
     Pts zigzag;
     for (int i = 0; i <= 40; ++i)
         zigzag.push_back({-10.0f + 5.5f * i, 60.0f + ((i & 1) ? 0.37f : -0.0001f * i), 0.0f});

@@ -148,9 +148,12 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     while (m_next < m_edges.size() && m_edges[m_next].maxY >= fy)
         meet(m_edges[m_next++]);
 
-    // Four met edges at a time, each lane with the rule's own float operations: the
-    // comparison at both ends of the range, and at a guessed boundary g and g - 1, which
-    // confirm the guess when they differ. A lane whose guess is not confirmed is searched.
+    // Four met edges at a time, each lane with the rule's own float operations. The
+    // comparison is evaluated at a guessed boundary g and at g - 1: where it differs there,
+    // with g - 1 and g both in the range, it fails at the range's first column and holds at
+    // its last (or the reverse), by monotony, so the lane is settled. Only a group with some
+    // other lane evaluates the comparison at both ends of each range; a lane whose guess is
+    // then not confirmed is searched.
     const __m128 vfy = _mm_set1_ps(fy);
     const __m128 one = _mm_set1_ps(1.0f);
     const __m128i origin = _mm_set1_epi32(m_origin);
@@ -166,19 +169,12 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 first = _mm_cvtepi32_ps(firstI);
         const __m128 last = _mm_cvtepi32_ps(lastI);
         const auto passesAbove = [&](__m128 x) { return _mm_cmpgt_ps(_mm_mul_ps(dy, _mm_sub_ps(x, ax)), rhs); };
-        const __m128 atFirst = passesAbove(first);
-        const __m128 atLast = passesAbove(last);
         int lanes = 15;
         if (m_met - k < 4)
             lanes = (1 << (m_met - k)) - 1;
-        const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
-        const int partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
-        if (whole != 0)
-            for (int lane = 0; lane < 4; ++lane)
-                if (whole & (1 << lane))
-                    m_gone.push_back(k + static_cast<size_t>(lane));
-        if (partial == 0)
-            continue;
+        // The comparison grows with x where dy > 0 (it holds on a suffix) and shrinks where
+        // dy < 0 (a prefix); with dy = 0 it is constant and never changes within a range.
+        const __m128 suffixPs = _mm_cmpgt_ps(dy, _mm_setzero_ps());
         // g: floor(crossing) + 1 for a suffix, ceil(crossing) for a prefix, kept within
         // first + 1 .. last (both exact as floats); truncation is floor on the clamped values
         // once shifted by -first.
@@ -186,15 +182,30 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 rel = _mm_min_ps(_mm_max_ps(_mm_sub_ps(crossing, first), _mm_setzero_ps()), _mm_sub_ps(last, first));
         const __m128 down = _mm_cvtepi32_ps(_mm_cvttps_epi32(rel));
         const __m128 up = _mm_add_ps(down, _mm_and_ps(_mm_cmplt_ps(down, rel), one));
-        const __m128 step = _mm_or_ps(_mm_and_ps(atLast, _mm_add_ps(down, one)), _mm_andnot_ps(atLast, up));
+        const __m128 step = _mm_or_ps(_mm_and_ps(suffixPs, _mm_add_ps(down, one)), _mm_andnot_ps(suffixPs, up));
         const __m128 g = _mm_add_ps(first, _mm_min_ps(_mm_max_ps(step, one), _mm_sub_ps(last, first)));
         const __m128 changes = _mm_xor_ps(passesAbove(g), passesAbove(_mm_sub_ps(g, one)));
-        const int confirmed = _mm_movemask_ps(changes) & partial;
+        const int settled = _mm_movemask_ps(_mm_and_ps(changes, _mm_cmplt_ps(first, last))) & lanes;
+        int partial = lanes, confirmed = lanes;
+        __m128i live = _mm_castps_si128(inRange(m_met - k));
+        if (settled != lanes) {
+            const __m128 atFirst = passesAbove(first);
+            const __m128 atLast = passesAbove(last);
+            const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
+            partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
+            if (whole != 0)
+                for (int lane = 0; lane < 4; ++lane)
+                    if (whole & (1 << lane))
+                        m_gone.push_back(k + static_cast<size_t>(lane));
+            if (partial == 0)
+                continue;
+            confirmed = _mm_movemask_ps(changes) & partial;
+            live = _mm_and_si128(live, _mm_castps_si128(_mm_xor_ps(atFirst, atLast)));
+        }
         const __m128i gI = _mm_cvttps_epi32(g);
         // Suffix: toggles at g and last + 1; prefix: at first and g. Lanes that are not
         // partial toggle the first scanned column twice, which changes nothing.
-        const __m128i suffix = _mm_castps_si128(atLast);
-        const __m128i live = _mm_castps_si128(_mm_and_ps(_mm_xor_ps(atFirst, atLast), inRange(m_met - k)));
+        const __m128i suffix = _mm_castps_si128(suffixPs);
         // Stored as bits of m_toggles (column minus m_origin).
         const __m128i none = _mm_set1_epi32(m_first);
         const __m128i fromI = _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI));
@@ -205,13 +216,13 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         _mm_store_si128(reinterpret_cast<__m128i*>(to),
                         _mm_sub_epi32(_mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)), origin));
         if (const int searched = partial & ~confirmed; searched != 0) {
-            const int atLastBits = _mm_movemask_ps(atLast);
+            const int suffixBits = _mm_movemask_ps(suffixPs);
             for (int lane = 0; lane < 4; ++lane) {
                 const int bit = 1 << lane;
                 if ((searched & bit) == 0)
                     continue;
                 const int b = boundary(k + static_cast<size_t>(lane), fy) - m_origin;
-                if (atLastBits & bit)
+                if (suffixBits & bit)
                     from[lane] = b;
                 else
                     to[lane] = b;
