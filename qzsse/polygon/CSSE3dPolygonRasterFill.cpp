@@ -147,6 +147,42 @@ void foldInsideRowsInParallel(const OutlineXY& outline, const ScanWindow& w, CSS
             std::rethrow_exception(failure);
 }
 
+// For every window column x0 .. x1 clamped into the lastRow's columns, the largest clamped
+// row y0 .. y1 (clamped into 0 .. height - 1) where it is inside, from rows scanned top down:
+// a column's first inside row is its last. False, with nothing changed, where the outline
+// needs the per-pixel path.
+bool lastInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, int height, std::vector<int>& lastRow)
+{
+    constexpr int base = -64;
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return true;
+    if (x0 < base)
+        return false;
+    InsideRowBits scan(outline, x0, x1, base);
+    if (!scan.exact())
+        return false;
+    const int w0 = scan.firstWord(), w1 = scan.lastWord();
+    if (w0 > w1)
+        return true;
+    std::vector<std::uint64_t> row(static_cast<size_t>(w1) + 1, 0), seen(row.size(), 0);
+    const int width = static_cast<int>(lastRow.size());
+    for (long long y = y1; y >= y0; --y) {
+        if (!scan.scanRow(static_cast<int>(y), row.data()))
+            continue;
+        const int clampedRow = clampInto(static_cast<int>(y), 0, height - 1);
+        for (size_t w = static_cast<size_t>(w0); w < row.size(); ++w) {
+            for (std::uint64_t fresh = row[w] & ~seen[w]; fresh != 0; fresh &= fresh - 1) {
+                const long long x = static_cast<long long>(w) * 64 + __builtin_ctzll(fresh) + base;
+                int& last = lastRow[static_cast<size_t>(std::clamp<long long>(x, 0, width - 1))];
+                last = std::max(last, clampedRow);
+            }
+            seen[w] |= row[w];
+            row[w] = 0;
+        }
+    }
+    return true;
+}
+
 template <class Matrix>
 using BandsOf = std::conditional_t<std::is_same_v<Matrix, CSSEcharMatrix>, CharBands, FloatBands>;
 
@@ -273,8 +309,11 @@ void CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine(float value, CSSEMa
     const ScanWindow& w = scan.window;
     if (scan.outline.n < 3 || w.x0 > w.x1)
         return;
-    qzsse::detail::RowInsideScanner outer(scan.outline), inner(hole.outline());
     const qzsse::detail::StoreValue store{_mm_set1_ps(value)};
+    if (qzsse::detail::foldInsideRowsExcept<FloatBands>(scan.outline, hole.outline(), w.x0, w.x1, w.y0, w.y1,
+                                                        matrix->GetMatrixDataDirectly(), width, height, store))
+        return;
+    qzsse::detail::RowInsideScanner outer(scan.outline), inner(hole.outline());
     qzsse::detail::BandMaskFolder<FloatBands, qzsse::detail::StoreValue> folder(matrix->GetMatrixDataDirectly(), width,
                                                                                 height, store);
     std::vector<qzsse::detail::InsideRun> inside, holeRuns, kept;
@@ -302,17 +341,19 @@ void CSSE3dPolygon::DrawInMatrixAndFillToOneSideFront(float value, CSSEMatrix* m
     if (scan.outline.n < 3 || w.x0 > w.x1)
         return;
 
-    // Last interior row of every matrix column, after clamping (rows only grow, so the last
-    // run that reaches a column decides).
+    // Last interior row of every matrix column, after clamping.
     std::vector<int> lastRow(static_cast<size_t>(width), -1);
-    qzsse::detail::RowInsideScanner scanner(scan.outline);
-    std::vector<qzsse::detail::InsideRun> runs;
-    for (int y = w.y0; y <= w.y1; ++y) {
-        scanner.scanRow(y, w.x0, w.x1, runs);
-        const int row = clampInto(y, 0, height - 1);
-        for (const qzsse::detail::InsideRun& run : runs)
-            for (int x = clampInto(run.first, 0, width - 1); x <= clampInto(run.last, 0, width - 1); ++x)
-                lastRow[static_cast<size_t>(x)] = row;
+    if (!qzsse::detail::lastInsideRows(scan.outline, w.x0, w.x1, w.y0, w.y1, height, lastRow)) {
+        // Rows only grow here, so the last run that reaches a column decides.
+        qzsse::detail::RowInsideScanner scanner(scan.outline);
+        std::vector<qzsse::detail::InsideRun> runs;
+        for (int y = w.y0; y <= w.y1; ++y) {
+            scanner.scanRow(y, w.x0, w.x1, runs);
+            const int row = clampInto(y, 0, height - 1);
+            for (const qzsse::detail::InsideRun& run : runs)
+                for (int x = clampInto(run.first, 0, width - 1); x <= clampInto(run.last, 0, width - 1); ++x)
+                    lastRow[static_cast<size_t>(x)] = row;
+        }
     }
     const int frontRow = clampInto(w.y0, 0, height - 1);
     const int deepest = *std::max_element(lastRow.begin(), lastRow.end());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -153,6 +154,45 @@ private:
     int m_lo = 0x7fffffff;
     int m_hi = -1;
 };
+
+// As foldInsideRows, for the pixels inside outline and not inside hole (both tested as the
+// per-pixel rule tests them). False, with nothing changed, where either outline needs the
+// per-pixel path.
+template <class Bands, class Update>
+bool foldInsideRowsExcept(const OutlineXY& outline, const OutlineXY& hole, int x0, int x1, int y0, int y1,
+                          typename Bands::Vector** bands, int width, int height, Update update)
+{
+    using Folder = BandBitFolder<Bands, Update>;
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return true;
+    if (x0 < Folder::c_iBase || x1 > width + 63)
+        return false;
+    InsideRowBits outer(outline, x0, x1, Folder::c_iBase);
+    InsideRowBits inner(hole, x0, x1, Folder::c_iBase);
+    const bool noHole = hole.n < 3; // nothing is inside it
+    if (!outer.exact() || !(inner.exact() || noHole))
+        return false;
+    Folder folder(bands, width, height, update);
+    const int w0 = outer.firstWord(), w1 = outer.lastWord();
+    if (w0 <= w1) {
+        const size_t words = static_cast<size_t>(std::max(w1, inner.lastWord())) + 1;
+        std::vector<std::uint64_t> inside(words, 0), holeBits(words, 0);
+        for (long long y = y1; y >= y0; --y) {
+            if (!outer.scanRow(static_cast<int>(y), inside.data()))
+                continue;
+            const bool holed = !noHole && inner.scanRow(static_cast<int>(y), holeBits.data());
+            std::uint64_t* lane = folder.rowFor(static_cast<int>(y), w0, w1);
+            for (int w = w0; w <= w1; ++w) {
+                lane[w] |= inside[static_cast<size_t>(w)] & ~holeBits[static_cast<size_t>(w)];
+                inside[static_cast<size_t>(w)] = 0;
+            }
+            if (holed)
+                std::fill(holeBits.begin() + inner.firstWord(), holeBits.begin() + inner.lastWord() + 1, 0);
+        }
+    }
+    folder.finish();
+    return true;
+}
 
 // Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
 template <class Bands, class Update>
