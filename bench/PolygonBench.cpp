@@ -119,6 +119,33 @@ void BM_DrawInCharMatrixAndFillFine(benchmark::State& state)
 }
 BENCHMARK(BM_DrawInCharMatrixAndFillFine)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 
+// The fills with a hole (the outline scaled by a half about the centre) and to the front
+// side have no direct peer; fillPoly of the outline alone is the nearest figure.
+struct HoleFill : CSSE3dPolygon {
+    using CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine;
+};
+
+void BM_FillWithInsertedHole(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    CSSE3dPolygon hole;
+    hole.Create(static_cast<int>(s.x.size()));
+    for (size_t i = 0; i < s.x.size(); ++i)
+        hole.SetPoint(static_cast<int>(i), 1024.0f + 0.5f * (s.x[i] - 1024.0f), 1024.0f + 0.5f * (s.y[i] - 1024.0f), 0.0f);
+    fineFill(state, [&hole](CSSE3dPolygon& p, float v, CSSEMatrix& m) {
+        static_cast<HoleFill&>(p).drawInMatrixWithInsertPolygonAndFillFine(v, &m, &hole, false, -1e6f, 1e6f);
+    });
+}
+BENCHMARK(BM_FillWithInsertedHole)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInMatrixAndFillToOneSideFront(benchmark::State& state)
+{
+    fineFill(state, [](CSSE3dPolygon& p, float v, CSSEMatrix& m) {
+        p.DrawInMatrixAndFillToOneSideFront(v, &m, false, -1e6f, 1e6f);
+    });
+}
+BENCHMARK(BM_DrawInMatrixAndFillToOneSideFront)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
 void BM_PointInLineInnerArea(benchmark::State& state)
 {
     Scene& s = scene(static_cast<int>(state.range(0)));
