@@ -119,6 +119,13 @@ void BM_DrawInCharMatrixAndFillFine(benchmark::State& state)
 }
 BENCHMARK(BM_DrawInCharMatrixAndFillFine)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 
+void BM_DrawInMatrixAndFillCoarse(benchmark::State& state)
+{
+    fineFill(state,
+             [](CSSE3dPolygon& p, float v, CSSEMatrix& m) { p.DrawInMatrixAndFillCoarse(v, &m, false, -1e6f, 1e6f); });
+}
+BENCHMARK(BM_DrawInMatrixAndFillCoarse)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
 // The fills with a hole (the outline scaled by a half about the centre) and to the front
 // side have no direct peer; fillPoly of the outline alone is the nearest figure.
 struct HoleFill : CSSE3dPolygon {

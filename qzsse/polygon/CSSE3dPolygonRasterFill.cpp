@@ -183,6 +183,73 @@ bool lastInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, in
     return true;
 }
 
+// The coarse fill's 3 x 3 boxes from bit rows: lattice rows latticeY0, + 3, ... below yEnd
+// and lattice columns latticeX0, + 3, ... below xEnd are scanned top down; every inside
+// lattice point's box centre, clamped as Set3x3BoxPoint clamps it, is marked in a row of
+// centres, which widened by a column each side is stored into the box's three rows. Boxes
+// only store the one value, so their order and overlaps change nothing. False, with
+// nothing changed, where the outline needs the per-pixel path, the matrix is narrower or
+// lower than a box, or the lattice is so much wider than the matrix that a bit per column
+// would cost more than the run scanner.
+bool coarseBoxesFromRowBits(const OutlineXY& outline, long long latticeX0, long long xEnd, long long latticeY0,
+                            long long yEnd, CSSEMatrix& matrix, float value)
+{
+    const int width = matrix.GetSizeX(), height = matrix.GetSizeY();
+    if (width < 3 || height < 3 || xEnd <= latticeX0 || yEnd <= latticeY0)
+        return width >= 3 && height >= 3;
+    if (latticeX0 < INT_MIN || xEnd - 1 > INT_MAX || xEnd - latticeX0 > 4LL * width + 4096)
+        return false;
+    const int x0 = static_cast<int>(latticeX0);
+    InsideRowBits scan(outline, x0, static_cast<int>(xEnd - 1), x0);
+    if (!scan.exact())
+        return false;
+    using Folder = BandBitFolder<FloatBands, StoreValue>;
+    Folder folder(matrix.GetMatrixDataDirectly(), width, height, StoreValue{_mm_set1_ps(value)});
+    const int w0 = scan.firstWord(), w1 = scan.lastWord();
+    if (w0 <= w1) {
+        // Lattice columns are the bits 3j of a row; bit b of word w is one where b = -w mod 3.
+        constexpr std::uint64_t everyThird = 0x9249249249249249ULL;
+        const std::uint64_t lattice[3] = {everyThird, everyThird << 2, everyThird << 1};
+        std::vector<std::uint64_t> inside(static_cast<size_t>(w1) + 1, 0);
+        const size_t boxWords = static_cast<size_t>((width + 191) >> 6); // as the folder's rows
+        std::vector<std::uint64_t> centres(boxWords, 0);
+        const long long lastLatticeY = latticeY0 + (yEnd - 1 - latticeY0) / 3 * 3;
+        for (long long y = lastLatticeY; y >= latticeY0; y -= 3) {
+            if (y < INT_MIN || y > INT_MAX || !scan.scanRow(static_cast<int>(y), inside.data()))
+                continue;
+            int lo = width, hi = -1; // box columns marked
+            for (int w = w0; w <= w1; ++w) {
+                for (std::uint64_t b = inside[static_cast<size_t>(w)] & lattice[w % 3]; b != 0; b &= b - 1) {
+                    const long long x = latticeX0 + 64LL * w + __builtin_ctzll(b);
+                    const int c = clampInto(x, 1, width - 2) + 64; // the folder's bit of the centre
+                    centres[static_cast<size_t>(c >> 6)] |= std::uint64_t(1) << (c & 63);
+                    lo = std::min(lo, c);
+                    hi = std::max(hi, c);
+                }
+                inside[static_cast<size_t>(w)] = 0;
+            }
+            if (hi < 0)
+                continue;
+            // Each centre widened to its box columns, c - 1 .. c + 1 (all within the matrix).
+            const int wLo = (lo - 1) >> 6, wHi = (hi + 1) >> 6;
+            const int cy = clampInto(y, 1, height - 2);
+            for (int r = cy + 1; r >= cy - 1; --r) {
+                std::uint64_t* lane = folder.rowFor(r, wLo, wHi);
+                std::uint64_t below = 0; // bit 63 of the word before
+                for (int w = wLo; w <= wHi; ++w) {
+                    const std::uint64_t c = centres[static_cast<size_t>(w)];
+                    const std::uint64_t next = w < wHi ? centres[static_cast<size_t>(w) + 1] : 0;
+                    lane[w] |= c | (c << 1) | (below >> 63) | (c >> 1) | (next << 63);
+                    below = c;
+                }
+            }
+            std::fill(centres.begin() + wLo, centres.begin() + wHi + 1, 0);
+        }
+    }
+    folder.finish();
+    return true;
+}
+
 template <class Matrix>
 using BandsOf = std::conditional_t<std::is_same_v<Matrix, CSSEcharMatrix>, CharBands, FloatBands>;
 
@@ -225,11 +292,14 @@ void CSSE3dPolygon::DrawInMatrixAndFillCoarse(float value, CSSEMatrix* matrix, b
     const OutlineXY o = copy.outline();
     if (o.n < 3)
         return;
-    qzsse::detail::RowInsideScanner scanner(o);
-    std::vector<qzsse::detail::InsideRun> runs;
     const long long step = qzsse::detail::c_iCoarseStep;
     const long long latticeX0 = x0 - qzsse::detail::c_iCoarseMargin;
     const long long latticeEnd = x1 + qzsse::detail::c_iCoarseMargin; // exclusive
+    if (qzsse::detail::coarseBoxesFromRowBits(o, latticeX0, latticeEnd, y0 - qzsse::detail::c_iCoarseMargin,
+                                              y1 + qzsse::detail::c_iCoarseMargin, *matrix, value))
+        return;
+    qzsse::detail::RowInsideScanner scanner(o);
+    std::vector<qzsse::detail::InsideRun> runs;
     const long long rightmostCentre = matrix->GetSizeX() - 2;
     for (long long y = y0 - qzsse::detail::c_iCoarseMargin; y < y1 + qzsse::detail::c_iCoarseMargin; y += step) {
         if (y < INT_MIN || y > INT_MAX)

@@ -220,6 +220,13 @@ TEST(Fill, CharMatrixMatchesThePerPixelRule)
 // scatters, outlines scaled from 1e-3 to 1e5 about the matrix (far edges that nearly pass
 // through pixels), integer and half-integer vertices (crossings exactly on pixels), and
 // outlines reaching past every side.
+float BoxArea(const Pts& o)
+{
+    const auto [x0, x1] = std::minmax_element(o.begin(), o.end(), [](const P3& a, const P3& b) { return a.x < b.x; });
+    const auto [y0, y1] = std::minmax_element(o.begin(), o.end(), [](const P3& a, const P3& b) { return a.y < b.y; });
+    return (x1->x - x0->x) * (y1->y - y0->y);
+}
+
 std::vector<FillCase> AdversarialCases()
 {
     std::mt19937 rng(11);
@@ -277,8 +284,11 @@ TEST(Fill, AdversarialOutlinesMatchThePerPixelRule)
         const FillCase& c = cases[k];
         for (const Variant& v : kVariants) {
             const std::string_view name(v.name);
-            if (name.substr(0, 4) != "Fine" && name != "InsertHole" && name != "FrontSide")
+            if (name.substr(0, 4) != "Fine" && name != "InsertHole" && name != "FrontSide" && name != "Coarse")
                 continue;
+            if (name == "Coarse" && BoxArea(c.outline) > 2e7f)
+                continue; // the model walks the whole lattice
+
             RasterPolygon p;
             Fill(p, c.outline);
             CSSEMatrix got = qzsse::test::randomMatrix(rng, c.width, c.height), expected(got);
