@@ -217,16 +217,31 @@ bool coarseBoxesFromRowBits(const OutlineXY& outline, long long latticeX0, long 
         for (long long y = lastLatticeY; y >= latticeY0; y -= 3) {
             if (y < INT_MIN || y > INT_MAX || !scan.scanRow(static_cast<int>(y), inside.data()))
                 continue;
-            int lo = width, hi = -1; // box columns marked
+            int lo = INT_MAX, hi = -1; // centre bits marked
             for (int w = w0; w <= w1; ++w) {
-                for (std::uint64_t b = inside[static_cast<size_t>(w)] & lattice[w % 3]; b != 0; b &= b - 1) {
-                    const long long x = latticeX0 + 64LL * w + __builtin_ctzll(b);
-                    const int c = clampInto(x, 1, width - 2) + 64; // the folder's bit of the centre
+                std::uint64_t b = inside[static_cast<size_t>(w)] & lattice[w % 3];
+                inside[static_cast<size_t>(w)] = 0;
+                if (b == 0)
+                    continue;
+                const long long wordX = latticeX0 + 64LL * w; // the column of bit 0
+                if (wordX >= 1 && wordX + 63 <= width - 2) {
+                    // No clamping in this word: its bits move to the centre row as a whole.
+                    const long long bit0 = wordX + 64;
+                    const size_t cw = static_cast<size_t>(bit0 >> 6);
+                    const int shift = static_cast<int>(bit0 & 63);
+                    centres[cw] |= b << shift;
+                    if (shift != 0)
+                        centres[cw + 1] |= b >> (64 - shift);
+                    lo = std::min(lo, static_cast<int>(bit0) + __builtin_ctzll(b));
+                    hi = std::max(hi, static_cast<int>(bit0) + 63 - __builtin_clzll(b));
+                    continue;
+                }
+                for (; b != 0; b &= b - 1) {
+                    const int c = clampInto(wordX + __builtin_ctzll(b), 1, width - 2) + 64; // the centre's bit
                     centres[static_cast<size_t>(c >> 6)] |= std::uint64_t(1) << (c & 63);
                     lo = std::min(lo, c);
                     hi = std::max(hi, c);
                 }
-                inside[static_cast<size_t>(w)] = 0;
             }
             if (hi < 0)
                 continue;
