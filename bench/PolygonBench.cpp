@@ -2,6 +2,7 @@
 // benchmark argument) centred in a 2048 x 2048 matrix, beside the peers on the same input
 // when they are installed: Boost.Geometry `within` for the point queries and OpenCV
 // `cv::fillPoly` for the fills (float image for the float fills, 8-bit for the char fill).
+// The coarse, hole and front-side fills have no direct peer and are timed on their own.
 
 #include <algorithm>
 #include <cmath>
@@ -126,8 +127,7 @@ void BM_DrawInMatrixAndFillCoarse(benchmark::State& state)
 }
 BENCHMARK(BM_DrawInMatrixAndFillCoarse)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 
-// The fills with a hole (the outline scaled by a half about the centre) and to the front
-// side have no direct peer; fillPoly of the outline alone is the nearest figure.
+// The hole is the outline scaled by a half about the centre.
 struct HoleFill : CSSE3dPolygon {
     using CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine;
 };
