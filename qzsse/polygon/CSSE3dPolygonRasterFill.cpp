@@ -1,7 +1,7 @@
 // Interior fills of CSSE3dPolygon into float and char matrices. Every fill is defined pixel
 // by pixel (PointInLineInnerArea on a prepared copy, coordinates clamped into the matrix)
-// and computed row by row with InsideRowBits (the fine fills) or RowInsideScanner (the
-// others), which find exactly the same pixels.
+// and computed row by row with InsideRowBits, or with RowInsideScanner where a bit row
+// cannot stand in for the rule; both find exactly the same pixels.
 
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
