@@ -86,7 +86,15 @@ void InsideRowBits::meet(const Edge& e)
     m_slope[m_met] = e.dy != 0.0f ? e.dx / e.dy : 0.0f;
     m_mFirst[m_met] = e.first;
     m_mLast[m_met] = e.last;
+    flipToEnd(fixedEnd(m_met));
     ++m_met;
+}
+
+void InsideRowBits::flipToEnd(int from)
+{
+    const int lastColumn = m_origin + 64 * static_cast<int>(m_above.size()) - 1;
+    if (from <= lastColumn)
+        flip(m_above.data(), from, lastColumn);
 }
 
 void InsideRowBits::forget(size_t k)
@@ -157,7 +165,8 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     const __m128 vfy = _mm_set1_ps(fy);
     const __m128 one = _mm_set1_ps(1.0f);
     const __m128i origin = _mm_set1_epi32(m_origin);
-    alignas(16) int from[4], to[4];
+    const __m128i nowhere = _mm_set1_epi32(m_origin + 64 * static_cast<int>(m_above.size()));
+    alignas(16) int moving[4];
     m_gone.clear();
     for (size_t k = 0; k < m_met; k += 4) {
         const __m128 ax = _mm_loadu_ps(&m_ax[k]);
@@ -186,57 +195,45 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 g = _mm_add_ps(first, _mm_min_ps(_mm_max_ps(step, one), _mm_sub_ps(last, first)));
         const __m128 changes = _mm_xor_ps(passesAbove(g), passesAbove(_mm_sub_ps(g, one)));
         const int settled = _mm_movemask_ps(_mm_and_ps(changes, _mm_cmplt_ps(first, last))) & lanes;
-        int partial = lanes, confirmed = lanes;
-        __m128i live = _mm_castps_si128(inRange(m_met - k));
+        const __m128i inRangeI = _mm_castps_si128(inRange(m_met - k));
+        // Each met edge's interval is its fixed end (kept in the running parity, see
+        // fixedEnd) and one moving toggle: g or the searched boundary where it crosses the
+        // row, the fixed end itself where it passes above no pixel of the row (an empty
+        // interval), and none (a column past the row) for edges leaving and padding lanes.
+        __m128i movingI = _mm_or_si128(_mm_and_si128(inRangeI, _mm_cvttps_epi32(g)), _mm_andnot_si128(inRangeI, nowhere));
+        int searched = 0;
         if (settled != lanes) {
             const __m128 atFirst = passesAbove(first);
             const __m128 atLast = passesAbove(last);
             const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
-            partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
+            const int partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
             if (whole != 0)
                 for (int lane = 0; lane < 4; ++lane)
                     if (whole & (1 << lane))
                         m_gone.push_back(k + static_cast<size_t>(lane));
-            if (partial == 0)
-                continue;
-            confirmed = _mm_movemask_ps(changes) & partial;
-            live = _mm_and_si128(live, _mm_castps_si128(_mm_xor_ps(atFirst, atLast)));
+            searched = partial & ~_mm_movemask_ps(changes);
+            const __m128i suffix = _mm_castps_si128(suffixPs);
+            const __m128i fixedI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
+                                                _mm_andnot_si128(suffix, firstI));
+            const __m128i partialI = _mm_and_si128(inRangeI, _mm_castps_si128(_mm_xor_ps(atFirst, atLast)));
+            const __m128i emptyI = _mm_andnot_si128(_mm_castps_si128(_mm_or_ps(atFirst, atLast)), inRangeI);
+            movingI = _mm_or_si128(_mm_and_si128(partialI, movingI),
+                                   _mm_or_si128(_mm_and_si128(emptyI, fixedI),
+                                                _mm_andnot_si128(_mm_or_si128(partialI, emptyI), nowhere)));
         }
-        const __m128i gI = _mm_cvttps_epi32(g);
-        // Suffix: toggles at g and last + 1; prefix: at first and g. Lanes that are not
-        // partial toggle the first scanned column twice, which changes nothing.
-        const __m128i suffix = _mm_castps_si128(suffixPs);
         // Stored as bits of m_toggles (column minus m_origin).
-        const __m128i none = _mm_set1_epi32(m_first);
-        const __m128i fromI = _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI));
-        const __m128i toI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
-                                         _mm_andnot_si128(suffix, gI));
-        _mm_store_si128(reinterpret_cast<__m128i*>(from),
-                        _mm_sub_epi32(_mm_or_si128(_mm_and_si128(live, fromI), _mm_andnot_si128(live, none)), origin));
-        _mm_store_si128(reinterpret_cast<__m128i*>(to),
-                        _mm_sub_epi32(_mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)), origin));
-        if (const int searched = partial & ~confirmed; searched != 0) {
-            const int suffixBits = _mm_movemask_ps(suffixPs);
-            for (int lane = 0; lane < 4; ++lane) {
-                const int bit = 1 << lane;
-                if ((searched & bit) == 0)
-                    continue;
-                const int b = boundary(k + static_cast<size_t>(lane), fy) - m_origin;
-                if (suffixBits & bit)
-                    from[lane] = b;
-                else
-                    to[lane] = b;
-            }
-        }
-        for (int lane = 0; lane < 4; ++lane) {
-            toggle(from[lane]);
-            toggle(to[lane]);
-        }
+        _mm_store_si128(reinterpret_cast<__m128i*>(moving), _mm_sub_epi32(movingI, origin));
+        for (int lane = 0; searched != 0 && lane < 4; ++lane)
+            if (searched & (1 << lane))
+                moving[lane] = boundary(k + static_cast<size_t>(lane), fy) - m_origin;
+        for (int lane = 0; lane < 4; ++lane)
+            toggle(moving[lane]);
     }
     // Edges wholly above here are so in every lower row: their ranges join the running parity.
     for (size_t i = m_gone.size(); i-- > 0;) {
         const size_t k = m_gone[i];
         flip(m_above.data(), m_mFirst[k], m_mLast[k]);
+        flipToEnd(fixedEnd(k));
         forget(k);
     }
 
