@@ -2,6 +2,7 @@
 // benchmark argument) centred in a 2048 x 2048 matrix, beside the peers on the same input
 // when they are installed: Boost.Geometry `within` for the point queries and OpenCV
 // `cv::fillPoly` for the fills (float image for the float fills, 8-bit for the char fill).
+// The coarse, hole and front-side fills have no direct peer and are timed on their own.
 
 #include <algorithm>
 #include <cmath>
@@ -118,6 +119,39 @@ void BM_DrawInCharMatrixAndFillFine(benchmark::State& state)
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kSize * kSize);
 }
 BENCHMARK(BM_DrawInCharMatrixAndFillFine)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInMatrixAndFillCoarse(benchmark::State& state)
+{
+    fineFill(state,
+             [](CSSE3dPolygon& p, float v, CSSEMatrix& m) { p.DrawInMatrixAndFillCoarse(v, &m, false, -1e6f, 1e6f); });
+}
+BENCHMARK(BM_DrawInMatrixAndFillCoarse)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+// The hole is the outline scaled by a half about the centre.
+struct HoleFill : CSSE3dPolygon {
+    using CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine;
+};
+
+void BM_FillWithInsertedHole(benchmark::State& state)
+{
+    Scene& s = scene(static_cast<int>(state.range(0)));
+    CSSE3dPolygon hole;
+    hole.Create(static_cast<int>(s.x.size()));
+    for (size_t i = 0; i < s.x.size(); ++i)
+        hole.SetPoint(static_cast<int>(i), 1024.0f + 0.5f * (s.x[i] - 1024.0f), 1024.0f + 0.5f * (s.y[i] - 1024.0f), 0.0f);
+    fineFill(state, [&hole](CSSE3dPolygon& p, float v, CSSEMatrix& m) {
+        static_cast<HoleFill&>(p).drawInMatrixWithInsertPolygonAndFillFine(v, &m, &hole, false, -1e6f, 1e6f);
+    });
+}
+BENCHMARK(BM_FillWithInsertedHole)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
+
+void BM_DrawInMatrixAndFillToOneSideFront(benchmark::State& state)
+{
+    fineFill(state, [](CSSE3dPolygon& p, float v, CSSEMatrix& m) {
+        p.DrawInMatrixAndFillToOneSideFront(v, &m, false, -1e6f, 1e6f);
+    });
+}
+BENCHMARK(BM_DrawInMatrixAndFillToOneSideFront)->Arg(200)->Arg(2000)->Unit(benchmark::kMillisecond);
 
 void BM_PointInLineInnerArea(benchmark::State& state)
 {

@@ -1,7 +1,7 @@
 // Interior fills of CSSE3dPolygon into float and char matrices. Every fill is defined pixel
 // by pixel (PointInLineInnerArea on a prepared copy, coordinates clamped into the matrix)
-// and computed row by row with InsideRowBits (the fine fills) or RowInsideScanner (the
-// others), which find exactly the same pixels.
+// and computed row by row with InsideRowBits, or with RowInsideScanner where a bit row
+// cannot stand in for the rule; both find exactly the same pixels.
 
 #include "qzsse/polygon/CSSE3dPolygon.h"
 
@@ -147,6 +147,124 @@ void foldInsideRowsInParallel(const OutlineXY& outline, const ScanWindow& w, CSS
             std::rethrow_exception(failure);
 }
 
+// For every window column x0 .. x1 clamped into the lastRow's columns, the largest clamped
+// row y0 .. y1 (clamped into 0 .. height - 1) where it is inside, from rows scanned top down:
+// a column's first inside row is its last. False, with nothing changed, where the outline
+// needs the per-pixel path.
+bool lastInsideRows(const OutlineXY& outline, int x0, int x1, int y0, int y1, int height, std::vector<int>& lastRow)
+{
+    constexpr int base = -64;
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return true;
+    if (x0 < base)
+        return false;
+    InsideRowBits scan(outline, x0, x1, base);
+    if (!scan.exact())
+        return false;
+    const int w0 = scan.firstWord(), w1 = scan.lastWord();
+    if (w0 > w1)
+        return true;
+    std::vector<std::uint64_t> row(static_cast<size_t>(w1) + 1, 0), seen(row.size(), 0);
+    const int width = static_cast<int>(lastRow.size());
+    for (long long y = y1; y >= y0; --y) {
+        if (!scan.scanRow(static_cast<int>(y), row.data()))
+            continue;
+        const int clampedRow = clampInto(static_cast<int>(y), 0, height - 1);
+        for (size_t w = static_cast<size_t>(w0); w < row.size(); ++w) {
+            for (std::uint64_t fresh = row[w] & ~seen[w]; fresh != 0; fresh &= fresh - 1) {
+                const long long x = static_cast<long long>(w) * 64 + __builtin_ctzll(fresh) + base;
+                int& last = lastRow[static_cast<size_t>(std::clamp<long long>(x, 0, width - 1))];
+                last = std::max(last, clampedRow);
+            }
+            seen[w] |= row[w];
+            row[w] = 0;
+        }
+    }
+    return true;
+}
+
+// The coarse fill's 3 x 3 boxes from bit rows: lattice rows latticeY0, + 3, ... below yEnd
+// and lattice columns latticeX0, + 3, ... below xEnd are scanned top down; every inside
+// lattice point's box centre, clamped as Set3x3BoxPoint clamps it, is marked in a row of
+// centres, which widened by a column each side is stored into the box's three rows. Boxes
+// only store the one value, so their order and overlaps change nothing. False, with
+// nothing changed, where the outline needs the per-pixel path, the matrix is narrower or
+// lower than a box, or the lattice is so much wider than the matrix that a bit per column
+// would cost more than the run scanner.
+bool coarseBoxesFromRowBits(const OutlineXY& outline, long long latticeX0, long long xEnd, long long latticeY0,
+                            long long yEnd, CSSEMatrix& matrix, float value)
+{
+    const int width = matrix.GetSizeX(), height = matrix.GetSizeY();
+    if (width < 3 || height < 3 || xEnd <= latticeX0 || yEnd <= latticeY0)
+        return width >= 3 && height >= 3;
+    if (latticeX0 < INT_MIN || xEnd - 1 > INT_MAX || xEnd - latticeX0 > 4LL * width + 4096)
+        return false;
+    const int x0 = static_cast<int>(latticeX0);
+    InsideRowBits scan(outline, x0, static_cast<int>(xEnd - 1), x0);
+    if (!scan.exact())
+        return false;
+    using Folder = BandBitFolder<FloatBands, StoreValue>;
+    Folder folder(matrix.GetMatrixDataDirectly(), width, height, StoreValue{_mm_set1_ps(value)});
+    const int w0 = scan.firstWord(), w1 = scan.lastWord();
+    if (w0 <= w1) {
+        // Lattice columns are the bits 3j of a row; bit b of word w is one where b = -w mod 3.
+        constexpr std::uint64_t everyThird = 0x9249249249249249ULL;
+        const std::uint64_t lattice[3] = {everyThird, everyThird << 2, everyThird << 1};
+        std::vector<std::uint64_t> inside(static_cast<size_t>(w1) + 1, 0);
+        const size_t boxWords = static_cast<size_t>((width + 191) >> 6); // as the folder's rows
+        std::vector<std::uint64_t> centres(boxWords, 0);
+        const long long lastLatticeY = latticeY0 + (yEnd - 1 - latticeY0) / 3 * 3;
+        for (long long y = lastLatticeY; y >= latticeY0; y -= 3) {
+            if (y < INT_MIN || y > INT_MAX || !scan.scanRow(static_cast<int>(y), inside.data()))
+                continue;
+            int lo = INT_MAX, hi = -1; // centre bits marked
+            for (int w = w0; w <= w1; ++w) {
+                std::uint64_t b = inside[static_cast<size_t>(w)] & lattice[w % 3];
+                inside[static_cast<size_t>(w)] = 0;
+                if (b == 0)
+                    continue;
+                const long long wordX = latticeX0 + 64LL * w; // the column of bit 0
+                if (wordX >= 1 && wordX + 63 <= width - 2) {
+                    // No clamping in this word: its bits move to the centre row as a whole.
+                    const long long bit0 = wordX + 64;
+                    const size_t cw = static_cast<size_t>(bit0 >> 6);
+                    const int shift = static_cast<int>(bit0 & 63);
+                    centres[cw] |= b << shift;
+                    if (shift != 0)
+                        centres[cw + 1] |= b >> (64 - shift);
+                    lo = std::min(lo, static_cast<int>(bit0) + __builtin_ctzll(b));
+                    hi = std::max(hi, static_cast<int>(bit0) + 63 - __builtin_clzll(b));
+                    continue;
+                }
+                for (; b != 0; b &= b - 1) {
+                    const int c = clampInto(wordX + __builtin_ctzll(b), 1, width - 2) + 64; // the centre's bit
+                    centres[static_cast<size_t>(c >> 6)] |= std::uint64_t(1) << (c & 63);
+                    lo = std::min(lo, c);
+                    hi = std::max(hi, c);
+                }
+            }
+            if (hi < 0)
+                continue;
+            // Each centre widened to its box columns, c - 1 .. c + 1 (all within the matrix).
+            const int wLo = (lo - 1) >> 6, wHi = (hi + 1) >> 6;
+            const int cy = clampInto(y, 1, height - 2);
+            for (int r = cy + 1; r >= cy - 1; --r) {
+                std::uint64_t* lane = folder.rowFor(r, wLo, wHi);
+                std::uint64_t below = 0; // bit 63 of the word before
+                for (int w = wLo; w <= wHi; ++w) {
+                    const std::uint64_t c = centres[static_cast<size_t>(w)];
+                    const std::uint64_t next = w < wHi ? centres[static_cast<size_t>(w) + 1] : 0;
+                    lane[w] |= c | (c << 1) | (below >> 63) | (c >> 1) | (next << 63);
+                    below = c;
+                }
+            }
+            std::fill(centres.begin() + wLo, centres.begin() + wHi + 1, 0);
+        }
+    }
+    folder.finish();
+    return true;
+}
+
 template <class Matrix>
 using BandsOf = std::conditional_t<std::is_same_v<Matrix, CSSEcharMatrix>, CharBands, FloatBands>;
 
@@ -189,11 +307,14 @@ void CSSE3dPolygon::DrawInMatrixAndFillCoarse(float value, CSSEMatrix* matrix, b
     const OutlineXY o = copy.outline();
     if (o.n < 3)
         return;
-    qzsse::detail::RowInsideScanner scanner(o);
-    std::vector<qzsse::detail::InsideRun> runs;
     const long long step = qzsse::detail::c_iCoarseStep;
     const long long latticeX0 = x0 - qzsse::detail::c_iCoarseMargin;
     const long long latticeEnd = x1 + qzsse::detail::c_iCoarseMargin; // exclusive
+    if (qzsse::detail::coarseBoxesFromRowBits(o, latticeX0, latticeEnd, y0 - qzsse::detail::c_iCoarseMargin,
+                                              y1 + qzsse::detail::c_iCoarseMargin, *matrix, value))
+        return;
+    qzsse::detail::RowInsideScanner scanner(o);
+    std::vector<qzsse::detail::InsideRun> runs;
     const long long rightmostCentre = matrix->GetSizeX() - 2;
     for (long long y = y0 - qzsse::detail::c_iCoarseMargin; y < y1 + qzsse::detail::c_iCoarseMargin; y += step) {
         if (y < INT_MIN || y > INT_MAX)
@@ -273,8 +394,11 @@ void CSSE3dPolygon::drawInMatrixWithInsertPolygonAndFillFine(float value, CSSEMa
     const ScanWindow& w = scan.window;
     if (scan.outline.n < 3 || w.x0 > w.x1)
         return;
-    qzsse::detail::RowInsideScanner outer(scan.outline), inner(hole.outline());
     const qzsse::detail::StoreValue store{_mm_set1_ps(value)};
+    if (qzsse::detail::foldInsideRowsExcept<FloatBands>(scan.outline, hole.outline(), w.x0, w.x1, w.y0, w.y1,
+                                                        matrix->GetMatrixDataDirectly(), width, height, store))
+        return;
+    qzsse::detail::RowInsideScanner outer(scan.outline), inner(hole.outline());
     qzsse::detail::BandMaskFolder<FloatBands, qzsse::detail::StoreValue> folder(matrix->GetMatrixDataDirectly(), width,
                                                                                 height, store);
     std::vector<qzsse::detail::InsideRun> inside, holeRuns, kept;
@@ -302,17 +426,19 @@ void CSSE3dPolygon::DrawInMatrixAndFillToOneSideFront(float value, CSSEMatrix* m
     if (scan.outline.n < 3 || w.x0 > w.x1)
         return;
 
-    // Last interior row of every matrix column, after clamping (rows only grow, so the last
-    // run that reaches a column decides).
+    // Last interior row of every matrix column, after clamping.
     std::vector<int> lastRow(static_cast<size_t>(width), -1);
-    qzsse::detail::RowInsideScanner scanner(scan.outline);
-    std::vector<qzsse::detail::InsideRun> runs;
-    for (int y = w.y0; y <= w.y1; ++y) {
-        scanner.scanRow(y, w.x0, w.x1, runs);
-        const int row = clampInto(y, 0, height - 1);
-        for (const qzsse::detail::InsideRun& run : runs)
-            for (int x = clampInto(run.first, 0, width - 1); x <= clampInto(run.last, 0, width - 1); ++x)
-                lastRow[static_cast<size_t>(x)] = row;
+    if (!qzsse::detail::lastInsideRows(scan.outline, w.x0, w.x1, w.y0, w.y1, height, lastRow)) {
+        // Rows only grow here, so the last run that reaches a column decides.
+        qzsse::detail::RowInsideScanner scanner(scan.outline);
+        std::vector<qzsse::detail::InsideRun> runs;
+        for (int y = w.y0; y <= w.y1; ++y) {
+            scanner.scanRow(y, w.x0, w.x1, runs);
+            const int row = clampInto(y, 0, height - 1);
+            for (const qzsse::detail::InsideRun& run : runs)
+                for (int x = clampInto(run.first, 0, width - 1); x <= clampInto(run.last, 0, width - 1); ++x)
+                    lastRow[static_cast<size_t>(x)] = row;
+        }
     }
     const int frontRow = clampInto(w.y0, 0, height - 1);
     const int deepest = *std::max_element(lastRow.begin(), lastRow.end());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -88,36 +89,59 @@ private:
         m_hi = std::max(m_hi, 1); // column 0 may have been reached from the left
         Vector* cells = m_bands[m_band];
         const int lastWord = std::min(m_hi, (m_width + 63) >> 6);
-        for (int w = std::max(m_lo, 1); w <= lastWord; ++w) {
-            std::uint64_t any = 0, all = ~std::uint64_t(0);
+        // Two words at a time for the lane summaries; the lanes are cleared as they are read
+        // (clampColumns has cleared every word of m_lo .. m_hi outside this range).
+        const int firstWord = std::max(m_lo, 1);
+        for (int w = firstWord; w <= lastWord; w += 2) {
+            __m128i anyPair = _mm_setzero_si128(), allPair = _mm_set1_epi32(-1);
             for (int l = 0; l < lanes; ++l) {
-                any |= bits[l][w];
-                all &= bits[l][w];
+                const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bits[l] + w));
+                anyPair = _mm_or_si128(anyPair, b);
+                allPair = _mm_and_si128(allPair, b);
             }
-            if (any == 0)
+            if (_mm_movemask_epi8(_mm_cmpeq_epi32(anyPair, _mm_setzero_si128())) == 0xffff)
                 continue;
-            Vector* base = cells + (static_cast<ptrdiff_t>(w) << 6) - 64;
-            // Runs of cells with every lane set.
-            for (std::uint64_t a = all; a != 0;) {
-                const int from = __builtin_ctzll(a);
-                const std::uint64_t rest = ~(a >> from);
-                const int length = rest == 0 ? 64 - from : __builtin_ctzll(rest);
-                for (Vector* c = base + from; c != base + from + length; ++c)
-                    *c = m_update(*c);
-                a = (length + from >= 64) ? 0 : a & (~std::uint64_t(0) << (from + length));
-            }
-            // Columns with some lanes set.
-            if (any != all) {
-                const std::uint64_t* words[lanes];
-                for (int l = 0; l < lanes; ++l)
-                    words[l] = bits[l] + w;
-                Bands::selectColumns(base, words, any & ~all, m_update);
-            }
+            alignas(16) std::uint64_t anyWords[2], allWords[2];
+            _mm_store_si128(reinterpret_cast<__m128i*>(anyWords), anyPair);
+            _mm_store_si128(reinterpret_cast<__m128i*>(allWords), allPair);
+            for (int h = 0; h < 2 && w + h <= lastWord; ++h)
+                if (anyWords[h] != 0)
+                    writeWord(cells, bits, w + h, anyWords[h], allWords[h]);
+            for (int l = 0; l < lanes; ++l)
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(bits[l] + w), _mm_setzero_si128());
         }
-        for (int l = 0; l < lanes; ++l)
-            std::memset(bits[l] + m_lo, 0, static_cast<size_t>(m_hi - m_lo + 1) * sizeof(std::uint64_t));
         m_lo = m_words;
         m_hi = -1;
+    }
+
+    // Updates the 64 cells of word w from the lane bits (any: some lane set, all: every one).
+    void writeWord(Vector* cells, std::uint64_t* const* bits, int w, std::uint64_t any, std::uint64_t all)
+    {
+        Vector* base = cells + (static_cast<ptrdiff_t>(w) << 6) - 64;
+        // Runs of cells with every lane set.
+        for (std::uint64_t a = all; a != 0;) {
+            const int from = __builtin_ctzll(a);
+            const std::uint64_t rest = ~(a >> from);
+            const int length = rest == 0 ? 64 - from : __builtin_ctzll(rest);
+            Vector* c = base + from;
+            Vector* const end = c + length;
+            for (; end - c >= 4; c += 4) {
+                c[0] = m_update(c[0]);
+                c[1] = m_update(c[1]);
+                c[2] = m_update(c[2]);
+                c[3] = m_update(c[3]);
+            }
+            for (; c != end; ++c)
+                *c = m_update(*c);
+            a = (length + from >= 64) ? 0 : a & (~std::uint64_t(0) << (from + length));
+        }
+        // Columns with some lanes set.
+        if (any != all) {
+            const std::uint64_t* words[Bands::c_iLanes];
+            for (int l = 0; l < Bands::c_iLanes; ++l)
+                words[l] = bits[l] + w;
+            Bands::selectColumns(base, words, any & ~all, m_update);
+        }
     }
 
     Vector** m_bands;
@@ -130,6 +154,45 @@ private:
     int m_lo = 0x7fffffff;
     int m_hi = -1;
 };
+
+// As foldInsideRows, for the pixels inside outline and not inside hole (both tested as the
+// per-pixel rule tests them). False, with nothing changed, where either outline needs the
+// per-pixel path.
+template <class Bands, class Update>
+bool foldInsideRowsExcept(const OutlineXY& outline, const OutlineXY& hole, int x0, int x1, int y0, int y1,
+                          typename Bands::Vector** bands, int width, int height, Update update)
+{
+    using Folder = BandBitFolder<Bands, Update>;
+    if (outline.n < 3 || x0 > x1 || y0 > y1)
+        return true;
+    if (x0 < Folder::c_iBase || x1 > width + 63)
+        return false;
+    InsideRowBits outer(outline, x0, x1, Folder::c_iBase);
+    InsideRowBits inner(hole, x0, x1, Folder::c_iBase);
+    const bool noHole = hole.n < 3; // nothing is inside it
+    if (!outer.exact() || !(inner.exact() || noHole))
+        return false;
+    Folder folder(bands, width, height, update);
+    const int w0 = outer.firstWord(), w1 = outer.lastWord();
+    if (w0 <= w1) {
+        const size_t words = static_cast<size_t>(std::max(w1, inner.lastWord())) + 1;
+        std::vector<std::uint64_t> inside(words, 0), holeBits(words, 0);
+        for (long long y = y1; y >= y0; --y) {
+            if (!outer.scanRow(static_cast<int>(y), inside.data()))
+                continue;
+            const bool holed = !noHole && inner.scanRow(static_cast<int>(y), holeBits.data());
+            std::uint64_t* lane = folder.rowFor(static_cast<int>(y), w0, w1);
+            for (int w = w0; w <= w1; ++w) {
+                lane[w] |= inside[static_cast<size_t>(w)] & ~holeBits[static_cast<size_t>(w)];
+                inside[static_cast<size_t>(w)] = 0;
+            }
+            if (holed)
+                std::fill(holeBits.begin() + inner.firstWord(), holeBits.begin() + inner.lastWord() + 1, 0);
+        }
+    }
+    folder.finish();
+    return true;
+}
 
 // Scans rows y0 .. y1 over columns x0 .. x1 and folds their inside pixels into the matrix.
 template <class Bands, class Update>

@@ -53,6 +53,18 @@ struct FloatBands {
     }
 };
 
+// Bit b in every byte of row b (a broadcast of a variable byte takes several instructions
+// without SSSE3).
+alignas(16) inline constexpr std::uint8_t c_bitInEveryByte[8][16] = {
+    {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1},
+    {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2},
+    {4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4, 4},
+    {8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8, 8},
+    {16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16, 16},
+    {32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32, 32},
+    {64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64, 64},
+    {128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128, 128}};
+
 // Char matrix: sixteen rows per band, one byte mask lane per row.
 struct CharBands {
     using Vector = __m128i;
@@ -95,7 +107,7 @@ struct CharBands {
         }
         for (; columns != 0; columns &= columns - 1) {
             const int c = __builtin_ctzll(columns);
-            const __m128i bit = _mm_set1_epi8(static_cast<char>(1 << (c & 7)));
+            const __m128i bit = _mm_load_si128(reinterpret_cast<const __m128i*>(c_bitInEveryByte[c & 7]));
             const __m128i mask = _mm_cmpeq_epi8(_mm_and_si128(bytes[c >> 3], bit), bit);
             const __m128i old = cells[c];
             cells[c] = _mm_or_si128(_mm_and_si128(mask, update(old)), _mm_andnot_si128(mask, old));

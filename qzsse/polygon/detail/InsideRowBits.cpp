@@ -44,6 +44,7 @@ InsideRowBits::InsideRowBits(const OutlineXY& outline, int x0, int x1, int base)
     m_last = static_cast<int>(c1);
     m_firstWord = (m_first - base) >> 6;
     m_lastWord = (m_last - base) >> 6;
+    m_origin = base + 64 * m_firstWord;
 
     m_edges.reserve(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
@@ -85,7 +86,15 @@ void InsideRowBits::meet(const Edge& e)
     m_slope[m_met] = e.dy != 0.0f ? e.dx / e.dy : 0.0f;
     m_mFirst[m_met] = e.first;
     m_mLast[m_met] = e.last;
+    flipToEnd(fixedEnd(m_met));
     ++m_met;
+}
+
+void InsideRowBits::flipToEnd(int from)
+{
+    const int lastColumn = m_origin + 64 * static_cast<int>(m_above.size()) - 1;
+    if (from <= lastColumn)
+        flip(m_above.data(), from, lastColumn);
 }
 
 void InsideRowBits::forget(size_t k)
@@ -147,12 +156,17 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
     while (m_next < m_edges.size() && m_edges[m_next].maxY >= fy)
         meet(m_edges[m_next++]);
 
-    // Four met edges at a time, each lane with the rule's own float operations: the
-    // comparison at both ends of the range, and at a guessed boundary g and g - 1, which
-    // confirm the guess when they differ. A lane whose guess is not confirmed is searched.
+    // Four met edges at a time, each lane with the rule's own float operations. The
+    // comparison is evaluated at a guessed boundary g and at g - 1: where it differs there,
+    // with g - 1 and g both in the range, it fails at the range's first column and holds at
+    // its last (or the reverse), by monotony, so the lane is settled. Only a group with some
+    // other lane evaluates the comparison at both ends of each range; a lane whose guess is
+    // then not confirmed is searched.
     const __m128 vfy = _mm_set1_ps(fy);
     const __m128 one = _mm_set1_ps(1.0f);
-    alignas(16) int from[4], to[4];
+    const __m128i origin = _mm_set1_epi32(m_origin);
+    const __m128i nowhere = _mm_set1_epi32(m_origin + 64 * static_cast<int>(m_above.size()));
+    alignas(16) int moving[4];
     m_gone.clear();
     for (size_t k = 0; k < m_met; k += 4) {
         const __m128 ax = _mm_loadu_ps(&m_ax[k]);
@@ -164,19 +178,12 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 first = _mm_cvtepi32_ps(firstI);
         const __m128 last = _mm_cvtepi32_ps(lastI);
         const auto passesAbove = [&](__m128 x) { return _mm_cmpgt_ps(_mm_mul_ps(dy, _mm_sub_ps(x, ax)), rhs); };
-        const __m128 atFirst = passesAbove(first);
-        const __m128 atLast = passesAbove(last);
         int lanes = 15;
         if (m_met - k < 4)
             lanes = (1 << (m_met - k)) - 1;
-        const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
-        const int partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
-        if (whole != 0)
-            for (int lane = 0; lane < 4; ++lane)
-                if (whole & (1 << lane))
-                    m_gone.push_back(k + static_cast<size_t>(lane));
-        if (partial == 0)
-            continue;
+        // The comparison grows with x where dy > 0 (it holds on a suffix) and shrinks where
+        // dy < 0 (a prefix); with dy = 0 it is constant and never changes within a range.
+        const __m128 suffixPs = _mm_cmpgt_ps(dy, _mm_setzero_ps());
         // g: floor(crossing) + 1 for a suffix, ceil(crossing) for a prefix, kept within
         // first + 1 .. last (both exact as floats); truncation is floor on the clamped values
         // once shifted by -first.
@@ -184,57 +191,62 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         const __m128 rel = _mm_min_ps(_mm_max_ps(_mm_sub_ps(crossing, first), _mm_setzero_ps()), _mm_sub_ps(last, first));
         const __m128 down = _mm_cvtepi32_ps(_mm_cvttps_epi32(rel));
         const __m128 up = _mm_add_ps(down, _mm_and_ps(_mm_cmplt_ps(down, rel), one));
-        const __m128 step = _mm_or_ps(_mm_and_ps(atLast, _mm_add_ps(down, one)), _mm_andnot_ps(atLast, up));
+        const __m128 step = _mm_or_ps(_mm_and_ps(suffixPs, _mm_add_ps(down, one)), _mm_andnot_ps(suffixPs, up));
         const __m128 g = _mm_add_ps(first, _mm_min_ps(_mm_max_ps(step, one), _mm_sub_ps(last, first)));
         const __m128 changes = _mm_xor_ps(passesAbove(g), passesAbove(_mm_sub_ps(g, one)));
-        const int confirmed = _mm_movemask_ps(changes) & partial;
-        const __m128i gI = _mm_cvttps_epi32(g);
-        // Suffix: toggles at g and last + 1; prefix: at first and g. Lanes that are not
-        // partial toggle the first scanned column twice, which changes nothing.
-        const __m128i suffix = _mm_castps_si128(atLast);
-        const __m128i live = _mm_castps_si128(_mm_and_ps(_mm_xor_ps(atFirst, atLast), inRange(m_met - k)));
-        const __m128i none = _mm_set1_epi32(m_first);
-        const __m128i fromI = _mm_or_si128(_mm_and_si128(suffix, gI), _mm_andnot_si128(suffix, firstI));
-        const __m128i toI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
-                                         _mm_andnot_si128(suffix, gI));
-        _mm_store_si128(reinterpret_cast<__m128i*>(from),
-                        _mm_or_si128(_mm_and_si128(live, fromI), _mm_andnot_si128(live, none)));
-        _mm_store_si128(reinterpret_cast<__m128i*>(to), _mm_or_si128(_mm_and_si128(live, toI), _mm_andnot_si128(live, none)));
-        if (const int searched = partial & ~confirmed; searched != 0) {
-            const int atLastBits = _mm_movemask_ps(atLast);
-            for (int lane = 0; lane < 4; ++lane) {
-                const int bit = 1 << lane;
-                if ((searched & bit) == 0)
-                    continue;
-                const int b = boundary(k + static_cast<size_t>(lane), fy);
-                if (atLastBits & bit)
-                    from[lane] = b;
-                else
-                    to[lane] = b;
-            }
+        const int settled = _mm_movemask_ps(_mm_and_ps(changes, _mm_cmplt_ps(first, last))) & lanes;
+        const __m128i inRangeI = _mm_castps_si128(inRange(m_met - k));
+        // Each met edge's interval is its fixed end (kept in the running parity, see
+        // fixedEnd) and one moving toggle: g or the searched boundary where it crosses the
+        // row, the fixed end itself where it passes above no pixel of the row (an empty
+        // interval), and none (a column past the row) for edges leaving and padding lanes.
+        __m128i movingI = _mm_or_si128(_mm_and_si128(inRangeI, _mm_cvttps_epi32(g)), _mm_andnot_si128(inRangeI, nowhere));
+        int searched = 0;
+        if (settled != lanes) {
+            const __m128 atFirst = passesAbove(first);
+            const __m128 atLast = passesAbove(last);
+            const int whole = _mm_movemask_ps(_mm_and_ps(atFirst, atLast)) & lanes;
+            const int partial = _mm_movemask_ps(_mm_xor_ps(atFirst, atLast)) & lanes;
+            if (whole != 0)
+                for (int lane = 0; lane < 4; ++lane)
+                    if (whole & (1 << lane))
+                        m_gone.push_back(k + static_cast<size_t>(lane));
+            searched = partial & ~_mm_movemask_ps(changes);
+            const __m128i suffix = _mm_castps_si128(suffixPs);
+            const __m128i fixedI = _mm_or_si128(_mm_and_si128(suffix, _mm_add_epi32(lastI, _mm_set1_epi32(1))),
+                                                _mm_andnot_si128(suffix, firstI));
+            const __m128i partialI = _mm_and_si128(inRangeI, _mm_castps_si128(_mm_xor_ps(atFirst, atLast)));
+            const __m128i emptyI = _mm_andnot_si128(_mm_castps_si128(_mm_or_ps(atFirst, atLast)), inRangeI);
+            movingI = _mm_or_si128(_mm_and_si128(partialI, movingI),
+                                   _mm_or_si128(_mm_and_si128(emptyI, fixedI),
+                                                _mm_andnot_si128(_mm_or_si128(partialI, emptyI), nowhere)));
         }
-        for (int lane = 0; lane < 4; ++lane) {
-            toggle(from[lane]);
-            toggle(to[lane]);
-        }
+        // Stored as bits of m_toggles (column minus m_origin).
+        _mm_store_si128(reinterpret_cast<__m128i*>(moving), _mm_sub_epi32(movingI, origin));
+        for (int lane = 0; searched != 0 && lane < 4; ++lane)
+            if (searched & (1 << lane))
+                moving[lane] = boundary(k + static_cast<size_t>(lane), fy) - m_origin;
+        for (int lane = 0; lane < 4; ++lane)
+            toggle(moving[lane]);
     }
     // Edges wholly above here are so in every lower row: their ranges join the running parity.
     for (size_t i = m_gone.size(); i-- > 0;) {
         const size_t k = m_gone[i];
         flip(m_above.data(), m_mFirst[k], m_mLast[k]);
+        flipToEnd(fixedEnd(k));
         forget(k);
     }
 
     // The row: the running parity, flipped from each toggle on (a prefix xor of the toggles).
+    // Most words have no toggle: those are the running parity or its complement, two words
+    // at a time.
     std::uint64_t carry = 0;
     std::uint64_t* words = row + m_firstWord;
-    for (size_t w = 0; w < m_above.size(); ++w) {
-        std::uint64_t t = m_toggles[w];
-        if (t == 0) {
-            words[w] |= m_above[w] ^ carry;
-            continue;
-        }
-        m_toggles[w] = 0;
+    const std::uint64_t* above = m_above.data();
+    std::uint64_t* toggles = m_toggles.data();
+    const auto prefixWord = [&](size_t w) {
+        std::uint64_t t = toggles[w];
+        toggles[w] = 0;
         t ^= t << 1;
         t ^= t << 2;
         t ^= t << 4;
@@ -243,9 +255,25 @@ bool InsideRowBits::scanRow(int y, std::uint64_t* row)
         t ^= t << 32;
         t ^= carry;
         carry = std::uint64_t(0) - (t >> 63);
-        words[w] |= m_above[w] ^ t;
+        words[w] |= above[w] ^ t;
+    };
+    const size_t n = m_above.size();
+    size_t w = 0;
+    for (; w + 2 <= n; w += 2) {
+        const __m128i t = _mm_loadu_si128(reinterpret_cast<const __m128i*>(toggles + w));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(t, _mm_setzero_si128())) == 0xffff) {
+            __m128i* out = reinterpret_cast<__m128i*>(words + w);
+            const __m128i flipped = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(above + w)),
+                                                  _mm_set1_epi64x(static_cast<long long>(carry)));
+            _mm_storeu_si128(out, _mm_or_si128(_mm_loadu_si128(out), flipped));
+            continue;
+        }
+        prefixWord(w);
+        prefixWord(w + 1);
     }
-    m_toggles[m_above.size()] = 0;
+    if (w < n)
+        prefixWord(w);
+    toggles[n] = 0;
     return true;
 }
 

@@ -47,10 +47,17 @@ private:
     void forget(size_t k);
     // Flips columns from .. to of a row held from word firstWord() on.
     void flip(std::uint64_t* words, int from, int to) const;
-    void toggle(int column)
+    // Flips the running parity from a column to the end of the row.
+    void flipToEnd(int from);
+    // The end of met edge k's interval that stays put while the row crosses the edge: the
+    // column after its range where the comparison holds on a suffix (dy > 0), else its first
+    // column. Its toggle is kept in the running parity from meeting to leaving, so each row
+    // toggles only the other, moving end.
+    int fixedEnd(size_t k) const { return m_dy[k] > 0.0f ? m_mLast[k] + 1 : m_mFirst[k]; }
+    // Flips bit b (a column minus m_origin, never negative) of the current row's toggles.
+    void toggle(int b)
     {
-        const int b = column - m_base;
-        m_toggles[static_cast<size_t>((b >> 6) - m_firstWord)] ^= std::uint64_t(1) << (b & 63);
+        m_toggles[static_cast<unsigned>(b) >> 6] ^= std::uint64_t(1) << (b & 63);
     }
     int boundary(size_t k, float fy) const;
 
@@ -59,6 +66,7 @@ private:
     int m_base = 0;
     int m_first = 0, m_last = -1; // columns the box test lets through
     int m_firstWord = 0, m_lastWord = -1;
+    int m_origin = 0; // the column of bit 0 of word m_firstWord
     std::vector<Edge> m_edges; // by decreasing maxY
     size_t m_next = 0;         // first edge not yet met
     // The edges met and not yet wholly above the row, as structure of arrays padded to a
@@ -67,7 +75,8 @@ private:
     std::vector<int> m_mFirst, m_mLast;
     size_t m_met = 0;
     std::vector<size_t> m_gone; // met edges found wholly above in the current row
-    std::vector<std::uint64_t> m_above;   // parity of the edges wholly above, from m_firstWord
+    // Parity of the edges wholly above and of the fixed ends of the met ones, from m_firstWord.
+    std::vector<std::uint64_t> m_above;
     std::vector<std::uint64_t> m_toggles; // the current row's flips, as their start columns
     float m_lastRow = 0.0f;
 };
