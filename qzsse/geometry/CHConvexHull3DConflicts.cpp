@@ -1,11 +1,13 @@
 #include "qzsse/geometry/CHConvexHull3D.h"
 
 #include <algorithm>
+#include <memory>
 #include <typeinfo>
 
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
 #include "qzsse/geometry/detail/HullConflictGraph.h"
+#include "qzsse/geometry/detail/LiftedPointLocator.h"
 
 // Construction through the conflict graph: each waiting point keeps one face it sees, and
 // the faces a new point sees are found from that one through face adjacency.
@@ -18,6 +20,10 @@ void CHConvexHull3D::constructHullWithConflicts()
     tVertexStructure* v = m_pVertices;
     if (!v)
         return;
+    if (ownVolumeSign() && qzsse::detail::AllLifted(m_pVertices)) {
+        constructHullByWalking();
+        return;
+    }
     qzsse::detail::ConflictGraph graph(*this);
     qzsse::detail::HullStepScratch step;
     bool seeded = false;
@@ -48,7 +54,7 @@ void CHConvexHull3D::constructHullWithConflicts()
 
 bool CHConvexHull3D::ownVolumeSign() const
 {
-    return typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
+    return m_bOwnVolumeSign || typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
 }
 
 void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
@@ -102,56 +108,13 @@ bool SeesFace(const tFaceStructure* f, const long long at[3])
 bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, std::uint32_t number,
                                          qzsse::detail::ConflictGraph& graph, qzsse::detail::HullStepScratch& step)
 {
-    step.visible.clear();
-    step.horizon.clear();
-    step.cones.clear();
-    step.removed.clear();
     tFaceStructure* first = graph.FaceOf(number);
-    if (!first) {
-        p->bOnHull = false;
+    if (!addOneFrom(first, p, step))
         return false;
-    }
-
-    // This class's own VolumeSign is read from the coordinates the graph carries; an
-    // override is called as it is.
     const bool own = ownVolumeSign();
     const auto sees = [&](tFaceStructure* f, const qzsse::detail::ConflictArc& a) {
         return own ? SeesFace(f, a.at) : VolumeSign(f, graph.VertexOf(a.number)) < 0;
     };
-    const qzsse::detail::ConflictArc self{{p->x, p->y, p->z}, nullptr, number, 0};
-
-    first->bVisible = true;
-    step.visible.push_back(first);
-    for (std::size_t i = 0; i < step.visible.size(); ++i) {
-        tFaceStructure* f = step.visible[i];
-        for (tEdgeStructure* e : f->edge) {
-            tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
-            if (!g->bVisible && sees(g, self)) {
-                g->bVisible = true;
-                step.visible.push_back(g);
-            }
-        }
-    }
-
-    for (tFaceStructure* f : step.visible) {
-        for (tEdgeStructure* e : f->edge) {
-            if (e->adjface[0]->bVisible && e->adjface[1]->bVisible) {
-                if (!e->bDelete) {
-                    e->bDelete = true;
-                    step.removed.push_back(e);
-                }
-            } else {
-                step.horizon.push_back(e);
-            }
-        }
-    }
-    std::sort(step.horizon.begin(), step.horizon.end(),
-              [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
-    for (tEdgeStructure* e : step.horizon) {
-        tFaceStructure* cone = MakeConeFace(e, p);
-        e->newface = cone;
-        step.cones.push_back(cone);
-    }
     if (step.moved.size() < step.cones.size())
         step.moved.resize(step.cones.size());
     for (std::size_t k = 0; k < step.cones.size(); ++k)
@@ -238,4 +201,109 @@ void CHConvexHull3D::cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure
         p->bOnHull = false;
         p->duplicate = nullptr;
     }
+}
+
+// AddOne on the faces p sees, found from the first through face adjacency. Cone faces are
+// made in edge-list order (the serial order), so they and their edges are created exactly
+// as the scan of the whole edge list creates them.
+bool CHConvexHull3D::addOneFrom(tFaceStructure* first, tVertexStructure* p, qzsse::detail::HullStepScratch& step)
+{
+    step.visible.clear();
+    step.horizon.clear();
+    step.cones.clear();
+    step.removed.clear();
+    if (!first) {
+        p->bOnHull = false;
+        return false;
+    }
+    // This class's own VolumeSign is read from the coordinates; an override is called.
+    const bool own = ownVolumeSign();
+    const long long at[3] = {p->x, p->y, p->z};
+    const auto sees = [&](tFaceStructure* f) { return own ? SeesFace(f, at) : VolumeSign(f, p) < 0; };
+
+    first->bVisible = true;
+    step.visible.push_back(first);
+    for (std::size_t i = 0; i < step.visible.size(); ++i) {
+        tFaceStructure* f = step.visible[i];
+        for (tEdgeStructure* e : f->edge) {
+            tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
+            if (!g->bVisible && sees(g)) {
+                g->bVisible = true;
+                step.visible.push_back(g);
+            }
+        }
+    }
+
+    for (tFaceStructure* f : step.visible) {
+        for (tEdgeStructure* e : f->edge) {
+            if (e->adjface[0]->bVisible && e->adjface[1]->bVisible) {
+                if (!e->bDelete) {
+                    e->bDelete = true;
+                    step.removed.push_back(e);
+                }
+            } else {
+                step.horizon.push_back(e);
+            }
+        }
+    }
+    std::sort(step.horizon.begin(), step.horizon.end(),
+              [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
+    for (tEdgeStructure* e : step.horizon) {
+        tFaceStructure* cone = MakeConeFace(e, p);
+        e->newface = cone;
+        step.cones.push_back(cone);
+    }
+    return true;
+}
+
+// Lifted plane points: the first point by the full scans (as above), then each point's first
+// seen face from the locator's walk, checked by the predicate; nothing waits per point.
+void CHConvexHull3D::constructHullByWalking()
+{
+    tVertexStructure* v = m_pVertices;
+    std::unique_ptr<qzsse::detail::LiftedPointLocator> locator;
+    qzsse::detail::HullStepScratch step;
+    std::size_t faces = 0;
+    do {
+        tVertexStructure* next = v->next;
+        if (!v->bProcessed) {
+            v->bProcessed = true;
+            if (!locator) {
+                AddOne(v);
+                CleanUp(&next);
+                locator = std::make_unique<qzsse::detail::LiftedPointLocator>(*this);
+                faces = std::size_t(CalcNumFaces());
+            } else {
+                addOneFrom(findSeenFace(v, *locator, faces), v, step);
+                locator->Update(v, step);
+                faces = faces + step.cones.size() - step.visible.size();
+                cleanUpAfterConflicts(v, &next, step);
+            }
+            if (m_bCheck)
+                Checks();
+        }
+        v = next;
+    } while (v != m_pVertices);
+}
+
+tFaceStructure* CHConvexHull3D::findSeenFace(tVertexStructure* p, const qzsse::detail::LiftedPointLocator& locator,
+                                             std::size_t faces)
+{
+    ++m_nWalkedPoints;
+    const long long at[3] = {p->x, p->y, p->z};
+    // No walk over a Delaunay triangulation visits a face twice, so more steps than faces
+    // means something else is going on.
+    const qzsse::detail::LiftedPointLocator::Candidates c = locator.Locate(p, faces);
+    if (c.first && SeesFace(c.first, at))
+        return c.first;
+    if (c.second && SeesFace(c.second, at))
+        return c.second;
+    ++m_nWalkFallbacks;
+    tFaceStructure* f = m_pFaces;
+    do {
+        if (SeesFace(f, at))
+            return f;
+        f = f->next;
+    } while (f != m_pFaces);
+    return nullptr;
 }
