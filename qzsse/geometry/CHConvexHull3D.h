@@ -208,6 +208,8 @@ protected:
     // Of the points placed by the walk, those whose seen face it missed (found by the scan).
     std::size_t m_nWalkFallbacks = 0;
     std::size_t m_nWalkedPoints = 0;
+    // Lifted constructions the flat arrays gave up (the records took over).
+    std::size_t m_nFlatGiveUps = 0;
     // Speeds up the duplicate test of appending; copies share it as they share the lists.
     std::shared_ptr<qzsse::detail::GridPointIndex> m_pGridIndex;
 };

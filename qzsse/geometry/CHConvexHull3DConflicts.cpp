@@ -7,6 +7,7 @@
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
 #include "qzsse/geometry/detail/HullConflictGraph.h"
+#include "qzsse/geometry/detail/LiftedHullBuilder.h"
 #include "qzsse/geometry/detail/LiftedPointLocator.h"
 
 // Construction through the conflict graph: each waiting point keeps one face it sees, and
@@ -256,34 +257,50 @@ bool CHConvexHull3D::addOneFrom(tFaceStructure* first, tVertexStructure* p, qzss
     return true;
 }
 
-// Lifted plane points: the first point by the full scans (as above), then each point's first
-// seen face from the locator's walk, checked by the predicate; nothing waits per point.
+// Lifted plane points: the first point by the full scans (as above), then the flat-array
+// construction; if that gives up, the record construction from the same state, each point's
+// first seen face found by the locator's walk and checked by the predicate.
 void CHConvexHull3D::constructHullByWalking()
 {
     tVertexStructure* v = m_pVertices;
-    std::unique_ptr<qzsse::detail::LiftedPointLocator> locator;
-    qzsse::detail::HullStepScratch step;
-    std::size_t faces = 0;
-    do {
-        tVertexStructure* next = v->next;
-        if (!v->bProcessed) {
-            v->bProcessed = true;
-            if (!locator) {
-                AddOne(v);
-                CleanUp(&next);
-                locator = std::make_unique<qzsse::detail::LiftedPointLocator>(*this);
-                faces = std::size_t(CalcNumFaces());
-            } else {
-                addOneFrom(findSeenFace(v, *locator, faces), v, step);
-                locator->Update(v, step);
-                faces = faces + step.cones.size() - step.visible.size();
-                cleanUpAfterConflicts(v, &next, step);
-            }
-            if (m_bCheck)
-                Checks();
+    while (v->bProcessed) {
+        v = v->next;
+        if (v == m_pVertices)
+            return;
+    }
+    v->bProcessed = true;
+    tVertexStructure* next = v->next;
+    AddOne(v);
+    CleanUp(&next);
+    if (m_bCheck)
+        Checks();
+    else {
+        qzsse::detail::LiftedHullBuilder builder(*this, m_nEdgeSerial);
+        const bool built = builder.Run();
+        m_nWalkedPoints += builder.Walked();
+        m_nWalkFallbacks += builder.Fallbacks();
+        if (built) {
+            builder.Finish(m_pFaces, m_pEdges, m_nEdgeSerial);
+            return;
         }
-        v = next;
-    } while (v != m_pVertices);
+        ++m_nFlatGiveUps;
+    }
+
+    qzsse::detail::LiftedPointLocator locator(*this);
+    qzsse::detail::HullStepScratch step;
+    std::size_t faces = std::size_t(CalcNumFaces());
+    for (v = next; v != m_pVertices; v = next) {
+        next = v->next;
+        if (v->bProcessed)
+            continue;
+        v->bProcessed = true;
+        addOneFrom(findSeenFace(v, locator, faces), v, step);
+        locator.Update(v, step);
+        faces = faces + step.cones.size() - step.visible.size();
+        cleanUpAfterConflicts(v, &next, step);
+        if (m_bCheck)
+            Checks();
+    }
 }
 
 tFaceStructure* CHConvexHull3D::findSeenFace(tVertexStructure* p, const qzsse::detail::LiftedPointLocator& locator,

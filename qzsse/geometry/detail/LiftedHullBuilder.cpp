@@ -1,0 +1,511 @@
+#include "qzsse/geometry/detail/LiftedHullBuilder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "qzsse/geometry/detail/ExactIntegerSign.h"
+
+namespace qzsse::detail {
+namespace {
+
+template <class Record>
+std::vector<Record*> ListOf(Record* head)
+{
+    std::vector<Record*> out;
+    if (Record* r = head) {
+        do {
+            out.push_back(r);
+            r = r->next;
+        } while (r != head);
+    }
+    return out;
+}
+
+template <class Record>
+std::int32_t PositionOf(const std::vector<Record*>& list, const Record* r)
+{
+    return std::int32_t(std::find(list.begin(), list.end(), r) - list.begin());
+}
+
+// Links the records into a circular list in the order given.
+template <class Record>
+Record* LinkInOrder(const std::vector<Record*>& records)
+{
+    const std::size_t n = records.size();
+    for (std::size_t i = 0; i < n; ++i) {
+        records[i]->next = records[i + 1 == n ? 0 : i + 1];
+        records[i]->prev = records[i == 0 ? n - 1 : i - 1];
+    }
+    return n ? records[0] : nullptr;
+}
+
+} // namespace
+
+LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long edgeSerial)
+    : m_edgeSerial(edgeSerial)
+{
+    const std::vector<tFaceStructure*> faces = ListOf(hull.GetFaces());
+    const std::vector<tEdgeStructure*> edges = ListOf(hull.GetEdges());
+    std::vector<tVertexStructure*> corners;
+    for (const tFaceStructure* f : faces)
+        for (tVertexStructure* v : f->vertex)
+            if (std::find(corners.begin(), corners.end(), v) == corners.end())
+                corners.push_back(v);
+    std::vector<std::int32_t> numberOfCorner(corners.size(), -1);
+
+    long long maxX = 0, maxY = 0;
+    if (tVertexStructure* v = hull.GetVertices()) {
+        m_minX = maxX = v->x;
+        m_minY = maxY = v->y;
+        do {
+            const auto at = std::find(corners.begin(), corners.end(), v);
+            if (at != corners.end())
+                numberOfCorner[std::size_t(at - corners.begin())] = std::int32_t(m_verts.size());
+            m_verts.push_back({v->x, v->y, v->z, -1, -1, 0, v});
+            m_minX = std::min(m_minX, v->x);
+            m_minY = std::min(m_minY, v->y);
+            maxX = std::max(maxX, v->x);
+            maxY = std::max(maxY, v->y);
+            v = v->next;
+        } while (v != hull.GetVertices());
+    }
+    const auto number = [&](const tVertexStructure* v) {
+        return numberOfCorner[std::size_t(std::find(corners.begin(), corners.end(), v) - corners.begin())];
+    };
+
+    for (tFaceStructure* f : faces) {
+        Face slot{};
+        for (int k = 0; k < 3; ++k) {
+            slot.v[k] = number(f->vertex[k]);
+            slot.e[k] = PositionOf(edges, static_cast<const tEdgeStructure*>(f->edge[k]));
+        }
+        slot.serial = m_faceSerial++;
+        slot.record = f;
+        slot.alive = true;
+        m_faces.push_back(slot);
+    }
+    for (tEdgeStructure* e : edges) {
+        Edge slot{};
+        for (int k = 0; k < 2; ++k) {
+            slot.v[k] = number(e->endpts[k]);
+            slot.f[k] = PositionOf(faces, static_cast<const tFaceStructure*>(e->adjface[k]));
+        }
+        slot.newface = -1;
+        slot.serial = e->serial;
+        slot.record = e;
+        slot.alive = true;
+        m_edges.push_back(slot);
+    }
+    m_liveFaces = faces.size();
+    m_seedFaces = faces;
+    m_seedEdges = edges;
+
+    // About two points per cell, cells about square.
+    const double width = double(maxX - m_minX) + 1.0, height = double(maxY - m_minY) + 1.0;
+    const double cells = std::max(1.0, double(m_verts.size()) / 2.0);
+    const double side = std::sqrt(width * height / cells);
+    m_sizeX = std::clamp<long long>(static_cast<long long>(width / side), 1, 1 << 16);
+    m_sizeY = std::clamp<long long>(static_cast<long long>(height / side), 1, 1 << 16);
+    m_scaleX = double(m_sizeX) / width;
+    m_scaleY = double(m_sizeY) / height;
+    m_cells.assign(std::size_t(m_sizeX * m_sizeY), -1);
+    for (std::int32_t f = 0; f < std::int32_t(m_faces.size()); ++f)
+        for (std::int32_t v : m_faces[std::size_t(f)].v) {
+            Vertex& vertex = m_verts[std::size_t(v)];
+            if (vertex.face < 0 || (!downward(vertex.face) && downward(f)))
+                vertex.face = f;
+            m_cells[cellOf(vertex.x, vertex.y)] = v;
+        }
+}
+
+bool LiftedHullBuilder::sees(std::int32_t f, const Vertex& p) const
+{
+    const Face& face = m_faces[std::size_t(f)];
+    const Vertex& a = m_verts[std::size_t(face.v[0])];
+    const Vertex& b = m_verts[std::size_t(face.v[1])];
+    const Vertex& c = m_verts[std::size_t(face.v[2])];
+    const long long pa[3] = {a.x, a.y, a.z}, pb[3] = {b.x, b.y, b.z}, pc[3] = {c.x, c.y, c.z};
+    const long long at[3] = {p.x, p.y, p.z};
+    return OrientationSign3(pa, pb, pc, at) < 0;
+}
+
+// (b - a) x (p - a) in the plane; exact for lifted coordinates (at most 2^29).
+long long LiftedHullBuilder::turn(std::int32_t a, std::int32_t b, const Vertex& p) const
+{
+    const Vertex& u = m_verts[std::size_t(a)];
+    const Vertex& w = m_verts[std::size_t(b)];
+    return (w.x - u.x) * (p.y - u.y) - (w.y - u.y) * (p.x - u.x);
+}
+
+// The face looks down (corners clockwise seen from above): a Delaunay triangle.
+bool LiftedHullBuilder::downward(std::int32_t f) const
+{
+    const Face& face = m_faces[std::size_t(f)];
+    return turn(face.v[0], face.v[1], m_verts[std::size_t(face.v[2])]) < 0;
+}
+
+std::size_t LiftedHullBuilder::cellOf(long long x, long long y) const
+{
+    const long long cx = std::min(m_sizeX - 1, static_cast<long long>(double(x - m_minX) * m_scaleX));
+    const long long cy = std::min(m_sizeY - 1, static_cast<long long>(double(y - m_minY) * m_scaleY));
+    return std::size_t(cy * m_sizeX + cx);
+}
+
+// Turns around v from f, face by face across the edges at v, to a downward face.
+std::int32_t LiftedHullBuilder::downwardAround(std::int32_t v, std::int32_t f) const
+{
+    std::int32_t g = f, came = -1;
+    for (int step = 0; step < 1024; ++step) {
+        if (downward(g))
+            return g;
+        std::int32_t next = -1;
+        for (std::int32_t e : m_faces[std::size_t(g)].e) {
+            const Edge& edge = m_edges[std::size_t(e)];
+            if (e != came && (edge.v[0] == v || edge.v[1] == v)) {
+                next = e;
+                break;
+            }
+        }
+        if (next < 0)
+            return -1;
+        g = across(next, g);
+        came = next;
+        if (g == f)
+            return -1;
+    }
+    return -1;
+}
+
+// A face p sees: the walk's candidates, checked; else the first live slot p sees.
+std::int32_t LiftedHullBuilder::locate(std::int32_t number)
+{
+    ++m_walked;
+    const Vertex& p = m_verts[std::size_t(number)];
+    const std::size_t home = cellOf(p.x, p.y);
+    const long long hx = static_cast<long long>(home % std::size_t(m_sizeX));
+    const long long hy = static_cast<long long>(home / std::size_t(m_sizeX));
+    std::int32_t from = -1;
+    const auto look = [&](long long x, long long y) {
+        const std::int32_t k = m_cells[std::size_t(y * m_sizeX + x)];
+        if (k >= 0 && m_verts[std::size_t(k)].face >= 0)
+            from = k;
+    };
+    const long long maxRing = std::max(m_sizeX, m_sizeY);
+    for (long long r = 0; r <= maxRing && from < 0; ++r) {
+        const long long x0 = std::max(hx - r, 0LL), x1 = std::min(hx + r, m_sizeX - 1);
+        const long long y0 = std::max(hy - r, 0LL), y1 = std::min(hy + r, m_sizeY - 1);
+        if (hy - r >= 0)
+            for (long long x = x0; x <= x1 && from < 0; ++x)
+                look(x, hy - r);
+        if (r > 0 && hy + r < m_sizeY)
+            for (long long x = x0; x <= x1 && from < 0; ++x)
+                look(x, hy + r);
+        if (r > 0 && hx - r >= 0)
+            for (long long y = y0; y <= y1 && from < 0; ++y)
+                look(hx - r, y);
+        if (r > 0 && hx + r < m_sizeX)
+            for (long long y = y0; y <= y1 && from < 0; ++y)
+                look(hx + r, y);
+    }
+    std::int32_t f = from >= 0 ? downwardAround(from, m_verts[std::size_t(from)].face) : -1;
+    // Visibility walk; downward corners run clockwise, so p lies beyond the edge u-w when it
+    // turns left from it. No walk over a Delaunay triangulation visits a face twice.
+    for (std::size_t step = 0; f >= 0 && step <= m_liveFaces; ++step) {
+        const Face& face = m_faces[std::size_t(f)];
+        std::int32_t next = -1;
+        for (int i = 0; i < 3 && next < 0; ++i) {
+            const std::int32_t u = face.v[i], w = face.v[i == 2 ? 0 : i + 1];
+            if (turn(u, w, p) <= 0)
+                continue;
+            for (std::int32_t e : face.e) {
+                const Edge& edge = m_edges[std::size_t(e)];
+                if ((edge.v[0] == u && edge.v[1] == w) || (edge.v[0] == w && edge.v[1] == u))
+                    next = across(e, f);
+            }
+            if (next < 0)
+                break;
+        }
+        if (next < 0) {
+            if (sees(f, p))
+                return f;
+            break;
+        }
+        if (!downward(next)) {
+            // Beyond a boundary edge: p sees the face outside it or the one inside.
+            if (sees(next, p))
+                return next;
+            if (sees(f, p))
+                return f;
+            break;
+        }
+        f = next;
+    }
+    ++m_fallbacks;
+    for (std::int32_t g = 0; g < std::int32_t(m_faces.size()); ++g)
+        if (m_faces[std::size_t(g)].alive && sees(g, p))
+            return g;
+    return -1;
+}
+
+std::int32_t LiftedHullBuilder::newFace()
+{
+    std::int32_t f;
+    if (!m_freeFaces.empty()) {
+        f = m_freeFaces.back();
+        m_freeFaces.pop_back();
+    } else {
+        f = std::int32_t(m_faces.size());
+        m_faces.emplace_back();
+    }
+    Face& face = m_faces[std::size_t(f)];
+    face = Face{};
+    face.serial = m_faceSerial++;
+    face.alive = true;
+    return f;
+}
+
+std::int32_t LiftedHullBuilder::newEdge()
+{
+    std::int32_t e;
+    if (!m_freeEdges.empty()) {
+        e = m_freeEdges.back();
+        m_freeEdges.pop_back();
+    } else {
+        e = std::int32_t(m_edges.size());
+        m_edges.emplace_back();
+    }
+    Edge& edge = m_edges[std::size_t(e)];
+    edge = Edge{};
+    edge.f[0] = edge.f[1] = edge.newface = -1;
+    edge.serial = m_edgeSerial++;
+    edge.alive = true;
+    return e;
+}
+
+// MakeConeFace and MakeCcw on the slots.
+std::int32_t LiftedHullBuilder::coneFace(std::int32_t e, std::int32_t p)
+{
+    std::int32_t side[2];
+    for (int i = 0; i < 2; ++i) {
+        const std::int32_t end = m_edges[std::size_t(e)].v[i];
+        side[i] = m_verts[std::size_t(end)].duplicate;
+        if (side[i] < 0) {
+            side[i] = newEdge();
+            m_edges[std::size_t(side[i])].v[0] = end;
+            m_edges[std::size_t(side[i])].v[1] = p;
+            m_verts[std::size_t(end)].duplicate = side[i];
+        }
+    }
+    const std::int32_t c = newFace();
+    Face& cone = m_faces[std::size_t(c)];
+    const Edge& base = m_edges[std::size_t(e)];
+    cone.e[0] = e;
+    cone.e[1] = side[0];
+    cone.e[2] = side[1];
+    const Face& seen = m_faces[std::size_t(m_faces[std::size_t(base.f[0])].visible ? base.f[0] : base.f[1])];
+    int i = 0;
+    while (seen.v[i] != base.v[0])
+        ++i;
+    if (seen.v[(i + 1) % 3] != base.v[1]) {
+        cone.v[0] = base.v[1];
+        cone.v[1] = base.v[0];
+    } else {
+        cone.v[0] = base.v[0];
+        cone.v[1] = base.v[1];
+        std::swap(cone.e[1], cone.e[2]);
+    }
+    cone.v[2] = p;
+    for (std::int32_t s : side) {
+        Edge& edge = m_edges[std::size_t(s)];
+        if (edge.f[0] < 0)
+            edge.f[0] = c;
+        else if (edge.f[1] < 0)
+            edge.f[1] = c;
+    }
+    return c;
+}
+
+bool LiftedHullBuilder::addPoint(std::int32_t p)
+{
+    ++m_step;
+    const std::int32_t first = locate(p);
+    if (first < 0)
+        return false;
+    const Vertex& at = m_verts[std::size_t(p)];
+    m_visible.assign(1, first);
+    m_horizon.clear();
+    m_cones.clear();
+    m_removed.clear();
+    m_faces[std::size_t(first)].visible = true;
+    for (std::size_t i = 0; i < m_visible.size(); ++i) {
+        const std::int32_t f = m_visible[i];
+        for (std::int32_t e : m_faces[std::size_t(f)].e) {
+            const std::int32_t g = across(e, f);
+            if (!m_faces[std::size_t(g)].visible && sees(g, at)) {
+                m_faces[std::size_t(g)].visible = true;
+                m_visible.push_back(g);
+            }
+        }
+    }
+    for (std::int32_t f : m_visible)
+        for (std::int32_t e : m_faces[std::size_t(f)].e) {
+            Edge& edge = m_edges[std::size_t(e)];
+            if (m_faces[std::size_t(edge.f[0])].visible && m_faces[std::size_t(edge.f[1])].visible) {
+                if (!edge.doomed) {
+                    edge.doomed = true;
+                    m_removed.push_back(e);
+                }
+            } else {
+                m_horizon.push_back(e);
+            }
+        }
+    std::sort(m_horizon.begin(), m_horizon.end(), [this](std::int32_t a, std::int32_t b) {
+        return m_edges[std::size_t(a)].serial < m_edges[std::size_t(b)].serial;
+    });
+    for (std::int32_t e : m_horizon) {
+        const std::int32_t c = coneFace(e, p);
+        m_edges[std::size_t(e)].newface = c;
+        m_cones.push_back(c);
+    }
+
+    // A vertex of a removed edge that ends no horizon edge would leave the hull: not covered.
+    for (std::int32_t e : m_horizon)
+        for (std::int32_t v : m_edges[std::size_t(e)].v)
+            m_verts[std::size_t(v)].stamp = m_step;
+    for (std::int32_t e : m_removed)
+        for (std::int32_t v : m_edges[std::size_t(e)].v)
+            if (m_verts[std::size_t(v)].stamp != m_step)
+                return false;
+
+    // Faces about to go are forgotten; p and the horizon's ends take a cone face.
+    for (std::int32_t f : m_visible)
+        for (std::int32_t v : m_faces[std::size_t(f)].v) {
+            std::int32_t& face = m_verts[std::size_t(v)].face;
+            if (face >= 0 && m_faces[std::size_t(face)].visible)
+                face = -1;
+        }
+    for (std::size_t k = 0; k < m_cones.size(); ++k) {
+        const std::int32_t c = m_cones[k];
+        const bool down = downward(c);
+        const Edge& base = m_edges[std::size_t(m_horizon[k])];
+        for (std::int32_t v : {base.v[0], base.v[1], p}) {
+            std::int32_t& face = m_verts[std::size_t(v)].face;
+            if (down || face < 0)
+                face = c;
+        }
+    }
+    m_cells[cellOf(at.x, at.y)] = p;
+
+    for (std::int32_t e : m_horizon) {
+        Edge& edge = m_edges[std::size_t(e)];
+        edge.f[m_faces[std::size_t(edge.f[0])].visible ? 0 : 1] = edge.newface;
+        edge.newface = -1;
+        m_verts[std::size_t(edge.v[0])].duplicate = m_verts[std::size_t(edge.v[1])].duplicate = -1;
+    }
+    m_verts[std::size_t(p)].duplicate = -1;
+    for (std::int32_t e : m_removed) {
+        m_edges[std::size_t(e)].alive = false;
+        m_freeEdges.push_back(e);
+    }
+    for (std::int32_t f : m_visible) {
+        m_faces[std::size_t(f)].alive = false;
+        m_faces[std::size_t(f)].visible = false;
+        m_freeFaces.push_back(f);
+    }
+    m_liveFaces = m_liveFaces + m_cones.size() - m_visible.size();
+    return true;
+}
+
+bool LiftedHullBuilder::Run()
+{
+    for (std::int32_t v = 0; v < std::int32_t(m_verts.size()); ++v)
+        if (!m_verts[std::size_t(v)].record->bProcessed && !addPoint(v))
+            return false;
+    return true;
+}
+
+void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, unsigned long long& edgeSerial)
+{
+    std::vector<std::pair<std::uint64_t, std::int32_t>> order;
+    // Edges, in creation order; a seed record still holding its edge is kept.
+    for (std::int32_t e = 0; e < std::int32_t(m_edges.size()); ++e)
+        if (m_edges[std::size_t(e)].alive)
+            order.emplace_back(m_edges[std::size_t(e)].serial, e);
+    std::sort(order.begin(), order.end());
+    std::vector<tEdgeStructure*> edgeRecords(m_edges.size(), nullptr);
+    std::vector<tEdgeStructure*> edgeList;
+    edgeList.reserve(order.size());
+    for (const auto& [serial, e] : order) {
+        tEdgeStructure* r = m_edges[std::size_t(e)].record;
+        if (!r)
+            r = new tEdgeStructure{};
+        edgeRecords[std::size_t(e)] = r;
+        edgeList.push_back(r);
+    }
+    order.clear();
+    for (std::int32_t f = 0; f < std::int32_t(m_faces.size()); ++f)
+        if (m_faces[std::size_t(f)].alive)
+            order.emplace_back(m_faces[std::size_t(f)].serial, f);
+    std::sort(order.begin(), order.end());
+    std::vector<tFaceStructure*> faceRecords(m_faces.size(), nullptr);
+    std::vector<tFaceStructure*> faceList;
+    faceList.reserve(order.size());
+    for (const auto& [serial, f] : order) {
+        tFaceStructure* r = m_faces[std::size_t(f)].record;
+        if (!r)
+            r = new tFaceStructure{};
+        faceRecords[std::size_t(f)] = r;
+        faceList.push_back(r);
+    }
+
+    // Seed records whose edge or face went are freed.
+    // They come first in creation order, so only the front of the lists can hold them.
+    const auto kept = [](const auto& list, const auto* r, std::size_t seeds) {
+        const auto end = list.begin() + std::ptrdiff_t(std::min(seeds, list.size()));
+        return std::find(list.begin(), end, r) != end;
+    };
+    for (tEdgeStructure* r : m_seedEdges)
+        if (!kept(edgeList, r, m_seedEdges.size()))
+            delete r;
+    for (tFaceStructure* r : m_seedFaces)
+        if (!kept(faceList, r, m_seedFaces.size()))
+            delete r;
+
+    for (std::int32_t e = 0; e < std::int32_t(m_edges.size()); ++e) {
+        const Edge& edge = m_edges[std::size_t(e)];
+        tEdgeStructure* r = edgeRecords[std::size_t(e)];
+        if (!r)
+            continue;
+        for (int k = 0; k < 2; ++k) {
+            r->endpts[k] = m_verts[std::size_t(edge.v[k])].record;
+            r->adjface[k] = faceRecords[std::size_t(edge.f[k])];
+        }
+        r->newface = nullptr;
+        r->bDelete = false;
+        r->serial = edge.serial;
+    }
+    for (std::int32_t f = 0; f < std::int32_t(m_faces.size()); ++f) {
+        const Face& face = m_faces[std::size_t(f)];
+        tFaceStructure* r = faceRecords[std::size_t(f)];
+        if (!r)
+            continue;
+        for (int k = 0; k < 3; ++k) {
+            r->vertex[k] = m_verts[std::size_t(face.v[k])].record;
+            r->edge[k] = edgeRecords[std::size_t(face.e[k])];
+        }
+        r->bVisible = false;
+        r->bLowerFace = false;
+        r->conflicts = nullptr;
+    }
+    edges = LinkInOrder(edgeList);
+    faces = LinkInOrder(faceList);
+    for (const Vertex& v : m_verts) {
+        v.record->bProcessed = true;
+        v.record->bOnHull = false;
+        v.record->duplicate = nullptr;
+    }
+    edgeSerial = m_edgeSerial;
+}
+
+} // namespace qzsse::detail

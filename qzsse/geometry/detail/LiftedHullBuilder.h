@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "qzsse/geometry/CHConvexHull3D.h"
+
+namespace qzsse::detail {
+
+// Builds the hull of lifted plane points (AllLifted) in flat arrays indexed by integers, with
+// the steps of the record construction replayed exactly: a slot per face and edge, each
+// with its creation number, cone faces made in edge creation order with the same shared
+// side edges and corner order. Only at the end are the records made, in creation order, so
+// the lists, links and fields equal those of the record construction, and the records are
+// laid out in memory in list order. A point's first seen face comes from a visibility walk
+// over the downward faces (see LiftedPointLocator), checked by the exact predicate, with a
+// scan of every face when the walk fails. The records are not touched before Finish: when
+// a step meets what this form does not cover (a point that sees no face, a vertex that
+// would leave the hull), Run returns false and the caller builds from the same state.
+class LiftedHullBuilder {
+public:
+    // hull: seeded (a solid of four processed points), every vertex lifted; edgeSerial: the
+    // hull's next edge creation number.
+    LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long edgeSerial);
+
+    // Adds every unprocessed vertex, in list order from the head; false: give up.
+    bool Run();
+    // Replaces the hull's face and edge lists by the result and marks the vertices processed.
+    // edgeSerial: the hull's next edge creation number, advanced past the new edges.
+    void Finish(tFaceStructure*& faces, tEdgeStructure*& edges, unsigned long long& edgeSerial);
+
+    std::size_t Walked() const { return m_walked; }
+    std::size_t Fallbacks() const { return m_fallbacks; }
+
+private:
+    struct Vertex {
+        long long x, y, z;
+        std::int32_t face;      // a face it bounds (a downward one where known), or -1
+        std::int32_t duplicate; // the cone edge already built from it this step, or -1
+        std::uint32_t stamp;    // step in which it last ended a horizon edge
+        tVertexStructure* record;
+    };
+    struct Face {
+        std::int32_t v[3];
+        std::int32_t e[3];
+        std::uint64_t serial;
+        tFaceStructure* record; // the seed record this slot still holds, else null
+        bool alive;
+        bool visible;
+    };
+    struct Edge {
+        std::int32_t v[2];
+        std::int32_t f[2];
+        std::int32_t newface;
+        std::uint64_t serial;
+        tEdgeStructure* record;
+        bool alive;
+        bool doomed;
+    };
+
+    bool sees(std::int32_t f, const Vertex& p) const;
+    bool downward(std::int32_t f) const;
+    long long turn(std::int32_t a, std::int32_t b, const Vertex& p) const;
+    std::int32_t across(std::int32_t e, std::int32_t f) const { return m_edges[e].f[m_edges[e].f[0] == f ? 1 : 0]; }
+    std::size_t cellOf(long long x, long long y) const;
+    std::int32_t locate(std::int32_t p);
+    std::int32_t downwardAround(std::int32_t v, std::int32_t f) const;
+    std::int32_t newFace();
+    std::int32_t newEdge();
+    std::int32_t coneFace(std::int32_t e, std::int32_t p);
+    bool addPoint(std::int32_t p);
+
+    std::vector<tFaceStructure*> m_seedFaces;
+    std::vector<tEdgeStructure*> m_seedEdges;
+    std::vector<Vertex> m_verts;  // the vertex list from its head
+    std::vector<Face> m_faces;
+    std::vector<Edge> m_edges;
+    std::vector<std::int32_t> m_freeFaces, m_freeEdges;
+    std::uint64_t m_faceSerial = 0, m_edgeSerial;
+    std::size_t m_liveFaces = 0;
+    std::uint32_t m_step = 0;
+
+    std::vector<std::int32_t> m_cells;
+    long long m_minX = 0, m_minY = 0, m_sizeX = 1, m_sizeY = 1;
+    double m_scaleX = 0.0, m_scaleY = 0.0;
+
+    std::vector<std::int32_t> m_visible, m_horizon, m_cones, m_removed;
+    std::size_t m_walked = 0, m_fallbacks = 0;
+};
+
+} // namespace qzsse::detail
