@@ -74,28 +74,34 @@ LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long ed
         return numberOfCorner[std::size_t(std::find(corners.begin(), corners.end(), v) - corners.begin())];
     };
 
-    for (tFaceStructure* f : faces) {
-        Face slot{};
-        for (int k = 0; k < 3; ++k) {
-            slot.v[k] = number(f->vertex[k]);
-            slot.e[k] = PositionOf(edges, static_cast<const tEdgeStructure*>(f->edge[k]));
-        }
-        slot.serial = m_faceSerial++;
-        slot.record = f;
-        slot.alive = true;
-        m_faces.push_back(slot);
-    }
     for (tEdgeStructure* e : edges) {
         Edge slot{};
         for (int k = 0; k < 2; ++k) {
             slot.v[k] = number(e->endpts[k]);
             slot.f[k] = PositionOf(faces, static_cast<const tFaceStructure*>(e->adjface[k]));
         }
-        slot.newface = -1;
         slot.serial = e->serial;
         slot.record = e;
         slot.alive = true;
         m_edges.push_back(slot);
+    }
+    for (std::int32_t f = 0; f < std::int32_t(faces.size()); ++f) {
+        Face slot{};
+        for (int k = 0; k < 3; ++k)
+            slot.v[k] = number(faces[std::size_t(f)]->vertex[k]);
+        for (int k = 0; k < 3; ++k)
+            for (const tEdgeStructure* r : faces[std::size_t(f)]->edge) {
+                const Edge& edge = m_edges[std::size_t(PositionOf(edges, r))];
+                const std::int32_t u = slot.v[k], w = slot.v[(k + 1) % 3];
+                if ((edge.v[0] == u && edge.v[1] == w) || (edge.v[0] == w && edge.v[1] == u)) {
+                    slot.e[k] = PositionOf(edges, r);
+                    slot.n[k] = edge.f[edge.f[0] == f ? 1 : 0];
+                }
+            }
+        slot.serial = m_faceSerial++;
+        slot.record = faces[std::size_t(f)];
+        slot.alive = true;
+        m_faces.push_back(slot);
     }
     m_liveFaces = faces.size();
     m_seedFaces = faces;
@@ -152,26 +158,23 @@ std::size_t LiftedHullBuilder::cellOf(long long x, long long y) const
     return std::size_t(cy * m_sizeX + cx);
 }
 
-// Turns around v from f, face by face across the edges at v, to a downward face.
+bool LiftedHullBuilder::bounds(std::int32_t f, std::int32_t v) const
+{
+    const Face& face = m_faces[std::size_t(f)];
+    return face.alive && (face.v[0] == v || face.v[1] == v || face.v[2] == v);
+}
+
+// Turns around v from f, face by face, to a downward face.
 std::int32_t LiftedHullBuilder::downwardAround(std::int32_t v, std::int32_t f) const
 {
-    std::int32_t g = f, came = -1;
+    std::int32_t g = f;
     for (int step = 0; step < 1024; ++step) {
         if (downward(g))
             return g;
-        std::int32_t next = -1;
-        for (std::int32_t e : m_faces[std::size_t(g)].e) {
-            const Edge& edge = m_edges[std::size_t(e)];
-            if (e != came && (edge.v[0] == v || edge.v[1] == v)) {
-                next = e;
-                break;
-            }
-        }
-        if (next < 0)
-            return -1;
-        g = across(next, g);
-        came = next;
-        if (g == f)
+        const Face& face = m_faces[std::size_t(g)];
+        const int i = face.v[0] == v ? 0 : (face.v[1] == v ? 1 : 2);
+        g = face.n[(i + 2) % 3]; // across the edge that ends at v
+        if (g == f || !bounds(g, v))
             return -1;
     }
     return -1;
@@ -188,7 +191,7 @@ std::int32_t LiftedHullBuilder::locate(std::int32_t number)
     std::int32_t from = -1;
     const auto look = [&](long long x, long long y) {
         const std::int32_t k = m_cells[std::size_t(y * m_sizeX + x)];
-        if (k >= 0 && m_verts[std::size_t(k)].face >= 0)
+        if (k >= 0 && m_verts[std::size_t(k)].face >= 0 && bounds(m_verts[std::size_t(k)].face, k))
             from = k;
     };
     const long long maxRing = std::max(m_sizeX, m_sizeY);
@@ -209,23 +212,14 @@ std::int32_t LiftedHullBuilder::locate(std::int32_t number)
                 look(hx + r, y);
     }
     std::int32_t f = from >= 0 ? downwardAround(from, m_verts[std::size_t(from)].face) : -1;
-    // Visibility walk; downward corners run clockwise, so p lies beyond the edge u-w when it
-    // turns left from it. No walk over a Delaunay triangulation visits a face twice.
+    // Visibility walk; downward corners run clockwise, so p lies beyond the edge v[i]-v[i+1]
+    // when it turns left from it. No walk over a Delaunay triangulation visits a face twice.
     for (std::size_t step = 0; f >= 0 && step <= m_liveFaces; ++step) {
         const Face& face = m_faces[std::size_t(f)];
         std::int32_t next = -1;
-        for (int i = 0; i < 3 && next < 0; ++i) {
-            const std::int32_t u = face.v[i], w = face.v[i == 2 ? 0 : i + 1];
-            if (turn(u, w, p) <= 0)
-                continue;
-            for (std::int32_t e : face.e) {
-                const Edge& edge = m_edges[std::size_t(e)];
-                if ((edge.v[0] == u && edge.v[1] == w) || (edge.v[0] == w && edge.v[1] == u))
-                    next = across(e, f);
-            }
-            if (next < 0)
-                break;
-        }
+        for (int i = 0; i < 3 && next < 0; ++i)
+            if (turn(face.v[i], face.v[i == 2 ? 0 : i + 1], p) > 0)
+                next = face.n[i];
         if (next < 0) {
             if (sees(f, p))
                 return f;
@@ -277,18 +271,20 @@ std::int32_t LiftedHullBuilder::newEdge()
     }
     Edge& edge = m_edges[std::size_t(e)];
     edge = Edge{};
-    edge.f[0] = edge.f[1] = edge.newface = -1;
+    edge.f[0] = edge.f[1] = -1;
     edge.serial = m_edgeSerial++;
     edge.alive = true;
     return e;
 }
 
-// MakeConeFace and MakeCcw on the slots.
-std::int32_t LiftedHullBuilder::coneFace(std::int32_t e, std::int32_t p)
+// MakeConeFace and MakeCcw on the slots: the side edges through the base's ends are shared
+// through the ends' duplicate, made end 0 first; the cone takes the seen face's corner order
+// along the base, and the base's slot that held the seen face.
+std::int32_t LiftedHullBuilder::coneFace(const HorizonEdge& h, std::int32_t p)
 {
     std::int32_t side[2];
     for (int i = 0; i < 2; ++i) {
-        const std::int32_t end = m_edges[std::size_t(e)].v[i];
+        const std::int32_t end = m_edges[std::size_t(h.edge)].v[i];
         side[i] = m_verts[std::size_t(end)].duplicate;
         if (side[i] < 0) {
             side[i] = newEdge();
@@ -298,32 +294,43 @@ std::int32_t LiftedHullBuilder::coneFace(std::int32_t e, std::int32_t p)
         }
     }
     const std::int32_t c = newFace();
+    const Face& seen = m_faces[std::size_t(h.seen)];
+    Edge& base = m_edges[std::size_t(h.edge)];
+    const std::int32_t a = seen.v[h.side], b = seen.v[(h.side + 1) % 3];
+    const std::int32_t outside = seen.n[h.side];
     Face& cone = m_faces[std::size_t(c)];
-    const Edge& base = m_edges[std::size_t(e)];
-    cone.e[0] = e;
-    cone.e[1] = side[0];
-    cone.e[2] = side[1];
-    const Face& seen = m_faces[std::size_t(m_faces[std::size_t(base.f[0])].visible ? base.f[0] : base.f[1])];
-    int i = 0;
-    while (seen.v[i] != base.v[0])
-        ++i;
-    if (seen.v[(i + 1) % 3] != base.v[1]) {
-        cone.v[0] = base.v[1];
-        cone.v[1] = base.v[0];
-    } else {
-        cone.v[0] = base.v[0];
-        cone.v[1] = base.v[1];
-        std::swap(cone.e[1], cone.e[2]);
-    }
+    cone.v[0] = a;
+    cone.v[1] = b;
     cone.v[2] = p;
-    for (std::int32_t s : side) {
-        Edge& edge = m_edges[std::size_t(s)];
-        if (edge.f[0] < 0)
-            edge.f[0] = c;
-        else if (edge.f[1] < 0)
-            edge.f[1] = c;
-    }
+    cone.e[0] = h.edge;
+    cone.n[0] = outside;
+    base.f[base.f[0] == h.seen ? 0 : 1] = c;
+    Face& out = m_faces[std::size_t(outside)];
+    out.n[out.e[0] == h.edge ? 0 : (out.e[1] == h.edge ? 1 : 2)] = c;
+    // Edge 1 joins b and p, edge 2 p and a.
+    const int sideOfA = base.v[0] == a ? 0 : 1;
+    attachSide(c, 2, side[sideOfA]);
+    attachSide(c, 1, side[1 - sideOfA]);
     return c;
+}
+
+// The cone's edge k is the side edge s; s's first face slot takes the first cone on it, and
+// the second cone becomes the first one's neighbour across it.
+void LiftedHullBuilder::attachSide(std::int32_t cone, int k, std::int32_t s)
+{
+    Edge& edge = m_edges[std::size_t(s)];
+    Face& face = m_faces[std::size_t(cone)];
+    face.e[k] = s;
+    if (edge.f[0] < 0) {
+        edge.f[0] = cone;
+        face.n[k] = -1;
+        return;
+    }
+    edge.f[1] = cone;
+    const std::int32_t other = edge.f[0];
+    face.n[k] = other;
+    Face& first = m_faces[std::size_t(other)];
+    first.n[first.e[1] == s ? 1 : 2] = cone;
 }
 
 bool LiftedHullBuilder::addPoint(std::int32_t p)
@@ -335,61 +342,42 @@ bool LiftedHullBuilder::addPoint(std::int32_t p)
     const Vertex& at = m_verts[std::size_t(p)];
     m_visible.assign(1, first);
     m_horizon.clear();
-    m_cones.clear();
     m_removed.clear();
     m_faces[std::size_t(first)].visible = true;
     for (std::size_t i = 0; i < m_visible.size(); ++i) {
         const std::int32_t f = m_visible[i];
-        for (std::int32_t e : m_faces[std::size_t(f)].e) {
-            const std::int32_t g = across(e, f);
+        for (int k = 0; k < 3; ++k) {
+            const std::int32_t g = m_faces[std::size_t(f)].n[k];
             if (!m_faces[std::size_t(g)].visible && sees(g, at)) {
                 m_faces[std::size_t(g)].visible = true;
                 m_visible.push_back(g);
             }
         }
     }
-    for (std::int32_t f : m_visible)
-        for (std::int32_t e : m_faces[std::size_t(f)].e) {
-            Edge& edge = m_edges[std::size_t(e)];
-            if (m_faces[std::size_t(edge.f[0])].visible && m_faces[std::size_t(edge.f[1])].visible) {
-                if (!edge.doomed) {
-                    edge.doomed = true;
-                    m_removed.push_back(e);
-                }
-            } else {
-                m_horizon.push_back(e);
-            }
+    for (std::int32_t f : m_visible) {
+        const Face& face = m_faces[std::size_t(f)];
+        for (int k = 0; k < 3; ++k) {
+            const std::int32_t g = face.n[k];
+            if (!m_faces[std::size_t(g)].visible)
+                m_horizon.push_back({m_edges[std::size_t(face.e[k])].serial, face.e[k], f, k});
+            else if (f < g)
+                m_removed.push_back(face.e[k]);
         }
-    std::sort(m_horizon.begin(), m_horizon.end(), [this](std::int32_t a, std::int32_t b) {
-        return m_edges[std::size_t(a)].serial < m_edges[std::size_t(b)].serial;
-    });
-    for (std::int32_t e : m_horizon) {
-        const std::int32_t c = coneFace(e, p);
-        m_edges[std::size_t(e)].newface = c;
-        m_cones.push_back(c);
     }
-
-    // A vertex of a removed edge that ends no horizon edge would leave the hull: not covered.
-    for (std::int32_t e : m_horizon)
-        for (std::int32_t v : m_edges[std::size_t(e)].v)
-            m_verts[std::size_t(v)].stamp = m_step;
-    for (std::int32_t e : m_removed)
-        for (std::int32_t v : m_edges[std::size_t(e)].v)
+    // A corner of a seen face that ends no horizon edge would leave the hull: not covered.
+    for (const HorizonEdge& h : m_horizon)
+        m_verts[std::size_t(m_faces[std::size_t(h.seen)].v[h.side])].stamp = m_step;
+    for (std::int32_t f : m_visible)
+        for (std::int32_t v : m_faces[std::size_t(f)].v)
             if (m_verts[std::size_t(v)].stamp != m_step)
                 return false;
 
-    // Faces about to go are forgotten; p and the horizon's ends take a cone face.
-    for (std::int32_t f : m_visible)
-        for (std::int32_t v : m_faces[std::size_t(f)].v) {
-            std::int32_t& face = m_verts[std::size_t(v)].face;
-            if (face >= 0 && m_faces[std::size_t(face)].visible)
-                face = -1;
-        }
-    for (std::size_t k = 0; k < m_cones.size(); ++k) {
-        const std::int32_t c = m_cones[k];
+    std::sort(m_horizon.begin(), m_horizon.end(),
+              [](const HorizonEdge& a, const HorizonEdge& b) { return a.serial < b.serial; });
+    for (const HorizonEdge& h : m_horizon) {
+        const std::int32_t c = coneFace(h, p);
         const bool down = downward(c);
-        const Edge& base = m_edges[std::size_t(m_horizon[k])];
-        for (std::int32_t v : {base.v[0], base.v[1], p}) {
+        for (std::int32_t v : m_faces[std::size_t(c)].v) {
             std::int32_t& face = m_verts[std::size_t(v)].face;
             if (down || face < 0)
                 face = c;
@@ -397,13 +385,10 @@ bool LiftedHullBuilder::addPoint(std::int32_t p)
     }
     m_cells[cellOf(at.x, at.y)] = p;
 
-    for (std::int32_t e : m_horizon) {
-        Edge& edge = m_edges[std::size_t(e)];
-        edge.f[m_faces[std::size_t(edge.f[0])].visible ? 0 : 1] = edge.newface;
-        edge.newface = -1;
+    for (const HorizonEdge& h : m_horizon) {
+        const Edge& edge = m_edges[std::size_t(h.edge)];
         m_verts[std::size_t(edge.v[0])].duplicate = m_verts[std::size_t(edge.v[1])].duplicate = -1;
     }
-    m_verts[std::size_t(p)].duplicate = -1;
     for (std::int32_t e : m_removed) {
         m_edges[std::size_t(e)].alive = false;
         m_freeEdges.push_back(e);
@@ -413,7 +398,7 @@ bool LiftedHullBuilder::addPoint(std::int32_t p)
         m_faces[std::size_t(f)].visible = false;
         m_freeFaces.push_back(f);
     }
-    m_liveFaces = m_liveFaces + m_cones.size() - m_visible.size();
+    m_liveFaces = m_liveFaces + m_horizon.size() - m_visible.size();
     return true;
 }
 
@@ -490,10 +475,12 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
         tFaceStructure* r = faceRecords[std::size_t(f)];
         if (!r)
             continue;
-        for (int k = 0; k < 3; ++k) {
-            r->vertex[k] = m_verts[std::size_t(face.v[k])].record;
-            r->edge[k] = edgeRecords[std::size_t(face.e[k])];
-        }
+        // Cone faces come with their edges in corner order; seed faces keep theirs.
+        if (r != face.record)
+            for (int k = 0; k < 3; ++k) {
+                r->vertex[k] = m_verts[std::size_t(face.v[k])].record;
+                r->edge[k] = edgeRecords[std::size_t(face.e[k])];
+            }
         r->bVisible = false;
         r->bLowerFace = false;
         r->conflicts = nullptr;

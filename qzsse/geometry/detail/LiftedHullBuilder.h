@@ -36,14 +36,17 @@ public:
 private:
     struct Vertex {
         long long x, y, z;
-        std::int32_t face;      // a face it bounds (a downward one where known), or -1
+        std::int32_t face;      // a face slot that bounded it (check before use), or -1
         std::int32_t duplicate; // the cone edge already built from it this step, or -1
         std::uint32_t stamp;    // step in which it last ended a horizon edge
         tVertexStructure* record;
     };
+    // e[k] joins v[k] and v[k + 1] and n[k] is the face across it (the records' edge order
+    // is set by EdgeOrderOnFaces at the end, whatever it was).
     struct Face {
         std::int32_t v[3];
         std::int32_t e[3];
+        std::int32_t n[3];
         std::uint64_t serial;
         tFaceStructure* record; // the seed record this slot still holds, else null
         bool alive;
@@ -52,23 +55,26 @@ private:
     struct Edge {
         std::int32_t v[2];
         std::int32_t f[2];
-        std::int32_t newface;
         std::uint64_t serial;
         tEdgeStructure* record;
         bool alive;
-        bool doomed;
+    };
+    struct HorizonEdge {
+        std::uint64_t serial;
+        std::int32_t edge, seen, side; // seen: the seen face, side: the edge's place in it
     };
 
     bool sees(std::int32_t f, const Vertex& p) const;
     bool downward(std::int32_t f) const;
     long long turn(std::int32_t a, std::int32_t b, const Vertex& p) const;
-    std::int32_t across(std::int32_t e, std::int32_t f) const { return m_edges[e].f[m_edges[e].f[0] == f ? 1 : 0]; }
+    bool bounds(std::int32_t f, std::int32_t v) const;
     std::size_t cellOf(long long x, long long y) const;
     std::int32_t locate(std::int32_t p);
     std::int32_t downwardAround(std::int32_t v, std::int32_t f) const;
     std::int32_t newFace();
     std::int32_t newEdge();
-    std::int32_t coneFace(std::int32_t e, std::int32_t p);
+    std::int32_t coneFace(const HorizonEdge& h, std::int32_t p);
+    void attachSide(std::int32_t cone, int k, std::int32_t sideEdge);
     bool addPoint(std::int32_t p);
 
     std::vector<tFaceStructure*> m_seedFaces;
@@ -85,7 +91,8 @@ private:
     long long m_minX = 0, m_minY = 0, m_sizeX = 1, m_sizeY = 1;
     double m_scaleX = 0.0, m_scaleY = 0.0;
 
-    std::vector<std::int32_t> m_visible, m_horizon, m_cones, m_removed;
+    std::vector<std::int32_t> m_visible, m_removed;
+    std::vector<HorizonEdge> m_horizon;
     std::size_t m_walked = 0, m_fallbacks = 0;
 };
 
