@@ -43,7 +43,7 @@ Record* LinkInOrder(const std::vector<Record*>& records)
 } // namespace
 
 LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long edgeSerial)
-    : m_edgeSerial(edgeSerial)
+    : m_firstNewEdgeSerial(edgeSerial)
 {
     const std::vector<tFaceStructure*> faces = ListOf(hull.GetFaces());
     const std::vector<tEdgeStructure*> edges = ListOf(hull.GetEdges());
@@ -62,7 +62,8 @@ LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long ed
             const auto at = std::find(corners.begin(), corners.end(), v);
             if (at != corners.end())
                 numberOfCorner[std::size_t(at - corners.begin())] = std::int32_t(m_verts.size());
-            m_verts.push_back({v->x, v->y, v->z, -1, -1, 0, v});
+            m_verts.push_back({std::int32_t(v->x), std::int32_t(v->y), -1, -1, 0});
+            m_records.push_back(v);
             m_minX = std::min(m_minX, v->x);
             m_minY = std::min(m_minY, v->y);
             maxX = std::max(maxX, v->x);
@@ -80,8 +81,7 @@ LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long ed
             slot.v[k] = number(e->endpts[k]);
             slot.f[k] = PositionOf(faces, static_cast<const tFaceStructure*>(e->adjface[k]));
         }
-        slot.serial = e->serial;
-        slot.record = e;
+        slot.serial = m_edgeSerial++;
         slot.alive = true;
         m_edges.push_back(slot);
     }
@@ -99,7 +99,6 @@ LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long ed
                 }
             }
         slot.serial = m_faceSerial++;
-        slot.record = faces[std::size_t(f)];
         slot.alive = true;
         m_faces.push_back(slot);
     }
@@ -131,8 +130,16 @@ bool LiftedHullBuilder::sees(std::int32_t f, const Vertex& p) const
     const Vertex& a = m_verts[std::size_t(face.v[0])];
     const Vertex& b = m_verts[std::size_t(face.v[1])];
     const Vertex& c = m_verts[std::size_t(face.v[2])];
-    const long long pa[3] = {a.x, a.y, a.z}, pb[3] = {b.x, b.y, b.z}, pc[3] = {c.x, c.y, c.z};
-    const long long at[3] = {p.x, p.y, p.z};
+    const auto lift = [](const Vertex& v, long long out[3]) {
+        out[0] = v.x;
+        out[1] = v.y;
+        out[2] = out[0] * out[0] + out[1] * out[1];
+    };
+    long long pa[3], pb[3], pc[3], at[3];
+    lift(a, pa);
+    lift(b, pb);
+    lift(c, pc);
+    lift(p, at);
     return OrientationSign3(pa, pb, pc, at) < 0;
 }
 
@@ -141,7 +148,8 @@ long long LiftedHullBuilder::turn(std::int32_t a, std::int32_t b, const Vertex& 
 {
     const Vertex& u = m_verts[std::size_t(a)];
     const Vertex& w = m_verts[std::size_t(b)];
-    return (w.x - u.x) * (p.y - u.y) - (w.y - u.y) * (p.x - u.x);
+    return (static_cast<long long>(w.x) - u.x) * (static_cast<long long>(p.y) - u.y) -
+           (static_cast<long long>(w.y) - u.y) * (static_cast<long long>(p.x) - u.x);
 }
 
 // The face looks down (corners clockwise seen from above): a Delaunay triangle.
@@ -405,14 +413,14 @@ bool LiftedHullBuilder::addPoint(std::int32_t p)
 bool LiftedHullBuilder::Run()
 {
     for (std::int32_t v = 0; v < std::int32_t(m_verts.size()); ++v)
-        if (!m_verts[std::size_t(v)].record->bProcessed && !addPoint(v))
+        if (!m_records[std::size_t(v)]->bProcessed && !addPoint(v))
             return false;
     return true;
 }
 
 void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, unsigned long long& edgeSerial)
 {
-    std::vector<std::pair<std::uint64_t, std::int32_t>> order;
+    std::vector<std::pair<std::uint32_t, std::int32_t>> order;
     // Edges, in creation order; a seed record still holding its edge is kept.
     for (std::int32_t e = 0; e < std::int32_t(m_edges.size()); ++e)
         if (m_edges[std::size_t(e)].alive)
@@ -422,9 +430,8 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
     std::vector<tEdgeStructure*> edgeList;
     edgeList.reserve(order.size());
     for (const auto& [serial, e] : order) {
-        tEdgeStructure* r = m_edges[std::size_t(e)].record;
-        if (!r)
-            r = new tEdgeStructure{};
+        const std::uint32_t n = m_edges[std::size_t(e)].serial;
+        tEdgeStructure* r = n < m_seedEdges.size() ? m_seedEdges[n] : new tEdgeStructure{};
         edgeRecords[std::size_t(e)] = r;
         edgeList.push_back(r);
     }
@@ -437,9 +444,8 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
     std::vector<tFaceStructure*> faceList;
     faceList.reserve(order.size());
     for (const auto& [serial, f] : order) {
-        tFaceStructure* r = m_faces[std::size_t(f)].record;
-        if (!r)
-            r = new tFaceStructure{};
+        const std::uint32_t n = m_faces[std::size_t(f)].serial;
+        tFaceStructure* r = n < m_seedFaces.size() ? m_seedFaces[n] : new tFaceStructure{};
         faceRecords[std::size_t(f)] = r;
         faceList.push_back(r);
     }
@@ -463,12 +469,13 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
         if (!r)
             continue;
         for (int k = 0; k < 2; ++k) {
-            r->endpts[k] = m_verts[std::size_t(edge.v[k])].record;
+            r->endpts[k] = m_records[std::size_t(edge.v[k])];
             r->adjface[k] = faceRecords[std::size_t(edge.f[k])];
         }
         r->newface = nullptr;
         r->bDelete = false;
-        r->serial = edge.serial;
+        if (edge.serial >= m_seedEdges.size())
+            r->serial = m_firstNewEdgeSerial + (edge.serial - m_seedEdges.size());
     }
     for (std::int32_t f = 0; f < std::int32_t(m_faces.size()); ++f) {
         const Face& face = m_faces[std::size_t(f)];
@@ -476,9 +483,9 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
         if (!r)
             continue;
         // Cone faces come with their edges in corner order; seed faces keep theirs.
-        if (r != face.record)
+        if (face.serial >= m_seedFaces.size())
             for (int k = 0; k < 3; ++k) {
-                r->vertex[k] = m_verts[std::size_t(face.v[k])].record;
+                r->vertex[k] = m_records[std::size_t(face.v[k])];
                 r->edge[k] = edgeRecords[std::size_t(face.e[k])];
             }
         r->bVisible = false;
@@ -487,12 +494,12 @@ void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, u
     }
     edges = LinkInOrder(edgeList);
     faces = LinkInOrder(faceList);
-    for (const Vertex& v : m_verts) {
-        v.record->bProcessed = true;
-        v.record->bOnHull = false;
-        v.record->duplicate = nullptr;
+    for (tVertexStructure* v : m_records) {
+        v->bProcessed = true;
+        v->bOnHull = false;
+        v->duplicate = nullptr;
     }
-    edgeSerial = m_edgeSerial;
+    edgeSerial = m_firstNewEdgeSerial + (m_edgeSerial - m_seedEdges.size());
 }
 
 } // namespace qzsse::detail

@@ -34,12 +34,12 @@ public:
     std::size_t Fallbacks() const { return m_fallbacks; }
 
 private:
+    // Small, as the steps read them scattered: z is x^2 + y^2, and lifted x, y fit 32 bits.
     struct Vertex {
-        long long x, y, z;
+        std::int32_t x, y;
         std::int32_t face;      // a face slot that bounded it (check before use), or -1
         std::int32_t duplicate; // the cone edge already built from it this step, or -1
         std::uint32_t stamp;    // step in which it last ended a horizon edge
-        tVertexStructure* record;
     };
     // e[k] joins v[k] and v[k + 1] and n[k] is the face across it (the records' edge order
     // is set by EdgeOrderOnFaces at the end, whatever it was).
@@ -47,20 +47,18 @@ private:
         std::int32_t v[3];
         std::int32_t e[3];
         std::int32_t n[3];
-        std::uint64_t serial;
-        tFaceStructure* record; // the seed record this slot still holds, else null
+        std::uint32_t serial;   // creation number; the seed faces are the first ones
         bool alive;
         bool visible;
     };
     struct Edge {
         std::int32_t v[2];
         std::int32_t f[2];
-        std::uint64_t serial;
-        tEdgeStructure* record;
+        std::uint32_t serial;   // creation number; the seed edges are the first ones
         bool alive;
     };
     struct HorizonEdge {
-        std::uint64_t serial;
+        std::uint32_t serial;
         std::int32_t edge, seen, side; // seen: the seen face, side: the edge's place in it
     };
 
@@ -80,10 +78,12 @@ private:
     std::vector<tFaceStructure*> m_seedFaces;
     std::vector<tEdgeStructure*> m_seedEdges;
     std::vector<Vertex> m_verts;  // the vertex list from its head
+    std::vector<tVertexStructure*> m_records;
     std::vector<Face> m_faces;
     std::vector<Edge> m_edges;
     std::vector<std::int32_t> m_freeFaces, m_freeEdges;
-    std::uint64_t m_faceSerial = 0, m_edgeSerial;
+    std::uint32_t m_faceSerial = 0, m_edgeSerial = 0;
+    unsigned long long m_firstNewEdgeSerial;  // the hull's number for the first new edge
     std::size_t m_liveFaces = 0;
     std::uint32_t m_step = 0;
 
