@@ -420,33 +420,33 @@ bool LiftedHullBuilder::Run()
 
 void LiftedHullBuilder::Finish(tFaceStructure*& faces, tEdgeStructure*& edges, unsigned long long& edgeSerial)
 {
-    std::vector<std::pair<std::uint32_t, std::int32_t>> order;
-    // Edges, in creation order; a seed record still holding its edge is kept.
+    // Slots by creation number: the lists run in that order.
+    std::vector<std::int32_t> bySerial(m_edgeSerial, -1);
     for (std::int32_t e = 0; e < std::int32_t(m_edges.size()); ++e)
         if (m_edges[std::size_t(e)].alive)
-            order.emplace_back(m_edges[std::size_t(e)].serial, e);
-    std::sort(order.begin(), order.end());
+            bySerial[m_edges[std::size_t(e)].serial] = e;
     std::vector<tEdgeStructure*> edgeRecords(m_edges.size(), nullptr);
     std::vector<tEdgeStructure*> edgeList;
-    edgeList.reserve(order.size());
-    for (const auto& [serial, e] : order) {
-        const std::uint32_t n = m_edges[std::size_t(e)].serial;
+    edgeList.reserve(m_edges.size() - m_freeEdges.size());
+    for (std::uint32_t n = 0; n < m_edgeSerial; ++n) {
+        if (bySerial[n] < 0)
+            continue;
         tEdgeStructure* r = n < m_seedEdges.size() ? m_seedEdges[n] : new tEdgeStructure{};
-        edgeRecords[std::size_t(e)] = r;
+        edgeRecords[std::size_t(bySerial[n])] = r;
         edgeList.push_back(r);
     }
-    order.clear();
+    bySerial.assign(m_faceSerial, -1);
     for (std::int32_t f = 0; f < std::int32_t(m_faces.size()); ++f)
         if (m_faces[std::size_t(f)].alive)
-            order.emplace_back(m_faces[std::size_t(f)].serial, f);
-    std::sort(order.begin(), order.end());
+            bySerial[m_faces[std::size_t(f)].serial] = f;
     std::vector<tFaceStructure*> faceRecords(m_faces.size(), nullptr);
     std::vector<tFaceStructure*> faceList;
-    faceList.reserve(order.size());
-    for (const auto& [serial, f] : order) {
-        const std::uint32_t n = m_faces[std::size_t(f)].serial;
+    faceList.reserve(m_faces.size() - m_freeFaces.size());
+    for (std::uint32_t n = 0; n < m_faceSerial; ++n) {
+        if (bySerial[n] < 0)
+            continue;
         tFaceStructure* r = n < m_seedFaces.size() ? m_seedFaces[n] : new tFaceStructure{};
-        faceRecords[std::size_t(f)] = r;
+        faceRecords[std::size_t(bySerial[n])] = r;
         faceList.push_back(r);
     }
 
