@@ -580,6 +580,7 @@ struct Counted : CH2DDelaunay {
     Counted() { m_bOwnVolumeSign = true; }
     std::size_t Walked() const { return m_nWalkedPoints; }
     std::size_t Fallbacks() const { return m_nWalkFallbacks; }
+    std::size_t GiveUps() const { return m_nFlatGiveUps; }
 };
 
 } // namespace
@@ -651,5 +652,32 @@ TEST(Hull3DWalk, OnePointOffTheParaboloidTakesTheConflictGraph)
             },
             [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "off", off,
             [&](const Counted& d) { EXPECT_EQ(d.Walked() == 0, off == 1); });
+    }
+}
+
+// Where the flat arrays do not follow (a point equal to a vertex, made by hand, sees no face
+// and is dropped) or the hull is checked after every point, the records are built directly.
+TEST(Hull3DWalk, RecordConstructionTakesOverFromTheFlatArrays)
+{
+    std::mt19937 rng(5);
+    std::vector<int> coords(800);
+    for (int& c : coords)
+        c = int(rng() % 2000);
+    for (int checked = 0; checked < 2; ++checked) {
+        ExpectSameBothWays<Counted, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (int i = 0; i < 300; ++i)
+                    d.AppendVertex(float(coords[2 * i]) / 10.0f, float(coords[2 * i + 1]) / 10.0f, i, false);
+                d.SetCheckFlag(checked == 1);
+                const std::vector<tVertexStructure*> v = Vertices(d);
+                ASSERT_EQ(v.size(), 300u);
+                v[250]->x = v[7]->x, v[250]->y = v[7]->y, v[250]->z = v[7]->z;
+            },
+            [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "take over", checked,
+            [&](const Counted& d) {
+                EXPECT_EQ(d.GetNumVertices(), 299);
+                EXPECT_EQ(d.GiveUps(), checked ? 0u : 1u);
+                EXPECT_GE(d.Fallbacks(), 1u); // the duplicate, in whichever construction
+            });
     }
 }
