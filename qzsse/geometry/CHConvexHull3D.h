@@ -66,8 +66,9 @@ struct tFaceStructure {
 // and finds the others through face adjacency, so a point costs work in proportion to the
 // faces it changes and the waiting points it moves (about n log n in all for points in
 // random order) instead of a scan of every face and edge. When every point is a plane point
-// lifted by AppendVertex2D, the one seen face is found instead by a walk over the
-// triangulation the downward faces form, so nothing is kept per waiting point. Its vertex, edge and
+// lifted by AppendVertex2D, the hull is built in flat arrays and the records made at the
+// end, the one seen face found by a walk over the triangulation the downward faces form,
+// so nothing is kept per waiting point. Its vertex, edge and
 // face lists, their order and every field are those of AddOne and CleanUp applied to each
 // point in turn, which stay available as they are; this relies on VolumeSign being an
 // orientation test (an override that is not must set m_bFullScan).
