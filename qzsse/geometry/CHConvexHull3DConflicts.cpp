@@ -274,7 +274,8 @@ void CHConvexHull3D::constructHullByWalking()
     CleanUp(&next);
     if (m_bCheck)
         Checks();
-    else {
+    // The flat arrays start from the solid of four points a fresh seed leaves.
+    else if (CalcNumFaces() == 4 && CalcNumEdges() == 6) {
         qzsse::detail::LiftedHullBuilder builder(*this, m_nEdgeSerial);
         const bool built = builder.Run();
         m_nWalkedPoints += builder.Walked();
