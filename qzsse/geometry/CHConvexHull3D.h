@@ -15,7 +15,7 @@ struct ConflictArc;
 class ConflictGraph;
 class GridPointIndex;
 struct HullStepScratch;
-class LiftedPointLocator;
+
 } // namespace qzsse::detail
 
 // A hull vertex on the integer grid.
@@ -28,7 +28,7 @@ struct tVertexStructure {
     bool bOnHull;
     bool bProcessed;
     bool bFlag;                     // the caller's flag given to AppendVertex2D
-    qzsse::detail::ConflictArc* conflicts;  // during construction of lifted plane points: the vertex's entry
+    qzsse::detail::ConflictArc* conflicts;  // unused; kept null
 };
 
 struct tEdgeStructure {
@@ -167,12 +167,9 @@ protected:
     void invalidateGridIndex();
     void constructHullWithConflicts();
     void seedConflicts(qzsse::detail::ConflictGraph& graph);
-    // For input on the paraboloid Z = X^2 + Y^2 with this class's own VolumeSign.
-    void constructHullByWalking();
-    // A face p sees (null: none, p is inside): the locator's candidates if p sees one,
-    // else the first face of the list that p sees. faces: the hull's face count.
-    tFaceStructure* findSeenFace(tVertexStructure* p, const qzsse::detail::LiftedPointLocator& locator,
-                                 std::size_t faces);
+    // For input on the paraboloid Z = X^2 + Y^2 with this class's own VolumeSign and no
+    // check flag; false when the rest is left to the conflict graph.
+    bool constructLiftedHull();
     // AddOne from one face p sees (null: none): the other seen faces through face adjacency,
     // the horizon and the cone faces, gathered in step.
     bool addOneFrom(tFaceStructure* first, tVertexStructure* p, qzsse::detail::HullStepScratch& step);
@@ -209,7 +206,7 @@ protected:
     // Of the points placed by the walk, those whose seen face it missed (found by the scan).
     std::size_t m_nWalkFallbacks = 0;
     std::size_t m_nWalkedPoints = 0;
-    // Lifted constructions the flat arrays gave up (the records took over).
+    // Lifted constructions the flat arrays gave up (the conflict graph took over).
     std::size_t m_nFlatGiveUps = 0;
     // Speeds up the duplicate test of appending; copies share it as they share the lists.
     std::shared_ptr<qzsse::detail::GridPointIndex> m_pGridIndex;

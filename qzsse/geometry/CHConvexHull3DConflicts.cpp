@@ -8,7 +8,6 @@
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
 #include "qzsse/geometry/detail/HullConflictGraph.h"
 #include "qzsse/geometry/detail/LiftedHullBuilder.h"
-#include "qzsse/geometry/detail/LiftedPointLocator.h"
 
 // Construction through the conflict graph: each waiting point keeps one face it sees, and
 // the faces a new point sees are found from that one through face adjacency.
@@ -21,10 +20,8 @@ void CHConvexHull3D::constructHullWithConflicts()
     tVertexStructure* v = m_pVertices;
     if (!v)
         return;
-    if (ownVolumeSign() && qzsse::detail::AllLifted(m_pVertices)) {
-        constructHullByWalking();
+    if (!m_bCheck && ownVolumeSign() && qzsse::detail::AllLifted(m_pVertices) && constructLiftedHull())
         return;
-    }
     qzsse::detail::ConflictGraph graph(*this);
     qzsse::detail::HullStepScratch step;
     bool seeded = false;
@@ -257,71 +254,34 @@ bool CHConvexHull3D::addOneFrom(tFaceStructure* first, tVertexStructure* p, qzss
     return true;
 }
 
-// Lifted plane points: the first point by the full scans (as above), then the flat-array
-// construction; if that gives up, the record construction from the same state, each point's
-// first seen face found by the locator's walk and checked by the predicate.
-void CHConvexHull3D::constructHullByWalking()
+// Lifted plane points: the first point by the full scans (as above), then the flat arrays.
+// false: they gave up; the caller goes on from the hull as it stands (the first point added),
+// whose next point is again added by the full scans.
+bool CHConvexHull3D::constructLiftedHull()
 {
     tVertexStructure* v = m_pVertices;
     while (v->bProcessed) {
         v = v->next;
         if (v == m_pVertices)
-            return;
+            return true;
     }
     v->bProcessed = true;
     tVertexStructure* next = v->next;
     AddOne(v);
     CleanUp(&next);
-    if (m_bCheck)
-        Checks();
     // The flat arrays start from the solid of four points a fresh seed leaves.
-    else if (CalcNumFaces() == 4 && CalcNumEdges() == 6) {
-        qzsse::detail::LiftedHullBuilder builder(*this, m_nEdgeSerial);
-        const bool built = builder.Run();
-        m_nWalkedPoints += builder.Walked();
-        m_nWalkFallbacks += builder.Fallbacks();
-        if (built) {
-            builder.Finish(m_pFaces, m_pEdges, m_nEdgeSerial);
-            return;
-        }
+    if (CalcNumFaces() != 4 || CalcNumEdges() != 6) {
         ++m_nFlatGiveUps;
+        return false;
     }
-
-    qzsse::detail::LiftedPointLocator locator(*this);
-    qzsse::detail::HullStepScratch step;
-    std::size_t faces = std::size_t(CalcNumFaces());
-    for (v = next; v != m_pVertices; v = next) {
-        next = v->next;
-        if (v->bProcessed)
-            continue;
-        v->bProcessed = true;
-        addOneFrom(findSeenFace(v, locator, faces), v, step);
-        locator.Update(v, step);
-        faces = faces + step.cones.size() - step.visible.size();
-        cleanUpAfterConflicts(v, &next, step);
-        if (m_bCheck)
-            Checks();
+    qzsse::detail::LiftedHullBuilder builder(*this, m_nEdgeSerial);
+    const bool built = builder.Run();
+    m_nWalkedPoints += builder.Walked();
+    m_nWalkFallbacks += builder.Fallbacks();
+    if (!built) {
+        ++m_nFlatGiveUps;
+        return false;
     }
-}
-
-tFaceStructure* CHConvexHull3D::findSeenFace(tVertexStructure* p, const qzsse::detail::LiftedPointLocator& locator,
-                                             std::size_t faces)
-{
-    ++m_nWalkedPoints;
-    const long long at[3] = {p->x, p->y, p->z};
-    // No walk over a Delaunay triangulation visits a face twice, so more steps than faces
-    // means something else is going on.
-    const qzsse::detail::LiftedPointLocator::Candidates c = locator.Locate(p, faces);
-    if (c.first && SeesFace(c.first, at))
-        return c.first;
-    if (c.second && SeesFace(c.second, at))
-        return c.second;
-    ++m_nWalkFallbacks;
-    tFaceStructure* f = m_pFaces;
-    do {
-        if (SeesFace(f, at))
-            return f;
-        f = f->next;
-    } while (f != m_pFaces);
-    return nullptr;
+    builder.Finish(m_pFaces, m_pEdges, m_nEdgeSerial);
+    return true;
 }

@@ -42,6 +42,20 @@ Record* LinkInOrder(const std::vector<Record*>& records)
 
 } // namespace
 
+bool AllLifted(const tVertexStructure* head)
+{
+    constexpr long long limit = 1LL << 29;
+    const tVertexStructure* v = head;
+    if (!v)
+        return false;
+    do {
+        if (v->x < -limit || v->x > limit || v->y < -limit || v->y > limit || v->z != v->x * v->x + v->y * v->y)
+            return false;
+        v = v->next;
+    } while (v != head);
+    return true;
+}
+
 LiftedHullBuilder::LiftedHullBuilder(CHConvexHull3D& hull, unsigned long long edgeSerial)
     : m_firstNewEdgeSerial(edgeSerial)
 {

@@ -8,14 +8,19 @@
 
 namespace qzsse::detail {
 
+// Whether every vertex of the list lies on the paraboloid Z = X^2 + Y^2 with |X|, |Y| at most
+// 2^29, so that the plane orientation tests of the builder cannot overflow 64 bits.
+bool AllLifted(const tVertexStructure* head);
+
 // Builds the hull of lifted plane points (AllLifted) in flat arrays indexed by integers, with
 // the steps of the record construction replayed exactly: a slot per face and edge, each
 // with its creation number, cone faces made in edge creation order with the same shared
 // side edges and corner order. Only at the end are the records made, in creation order, so
 // the lists, links and fields equal those of the record construction, and the records are
 // laid out in memory in list order. A point's first seen face comes from a visibility walk
-// over the downward faces (see LiftedPointLocator), checked by the exact predicate, with a
-// scan of every face when the walk fails. The records are not touched before Finish: when
+// over the downward faces, which project to a Delaunay triangulation (see DESIGN.md for why
+// its face is seen), checked by the exact predicate, with a scan of every face when the
+// walk fails. The records are not touched before Finish: when
 // a step meets what this form does not cover (a point that sees no face, a vertex that
 // would leave the hull), Run returns false and the caller builds from the same state.
 class LiftedHullBuilder {
