@@ -15,7 +15,6 @@ struct ConflictArc;
 class ConflictGraph;
 class GridPointIndex;
 struct HullStepScratch;
-
 } // namespace qzsse::detail
 
 // A hull vertex on the integer grid.
@@ -67,9 +66,9 @@ struct tFaceStructure {
 // faces it changes and the waiting points it moves (about n log n in all for points in
 // random order) instead of a scan of every face and edge. When every point is a plane point
 // lifted by AppendVertex2D, the hull is built in flat arrays and the records made at the
-// end, the one seen face found by a walk over the triangulation the downward faces form,
-// so nothing is kept per waiting point. Its vertex, edge and
-// face lists, their order and every field are those of AddOne and CleanUp applied to each
+// end, each point's one seen face found by a walk over the triangulation the downward faces
+// form, so nothing is kept per waiting point. Its vertex, edge and face lists, their order
+// and every field are those of AddOne and CleanUp applied to each
 // point in turn, which stay available as they are; this relies on VolumeSign being an
 // orientation test (an override that is not must set m_bFullScan).
 //
