@@ -1,9 +1,10 @@
 // Delaunay triangulation of N plane points on the 0.1 grid, beside CGAL's
 // Delaunay_triangulation_2 on the same points when it is installed. Point sets (the first
 // benchmark argument): 0 random in a 10 000 square, 1 clustered (Gaussian blobs), 2 a square
-// grid in scan order (rows by y, each by x), 3 random points sorted into scan order. The
-// points go in in that order; the lifted hull's conflict graph makes random order cost
-// about O(N log N) in all, while in scan order every point lands outside the hull so far.
+// grid in scan order (rows by y, each by x), 3 random points sorted into scan order, 4 the
+// random points of set 0 in CGAL's spatial_sort order (only with CGAL: what the caller's
+// order costs, the triangles being the same). The points go in in that order; in scan
+// order every point lands outside the hull so far and sees about sqrt(N) faces.
 
 #include <algorithm>
 #include <cmath>
@@ -18,6 +19,7 @@
 #if defined(QZSSE_BENCH_WITH_CGAL)
 #include <CGAL/Delaunay_triangulation_2.h>
 #include <CGAL/Exact_predicates_inexact_constructions_kernel.h>
+#include <CGAL/spatial_sort.h>
 #endif
 
 namespace {
@@ -48,6 +50,17 @@ std::vector<std::pair<float, float>> PlanePoints(int kind, int n)
     }
     for (auto& p : points)
         p = {float(coord(rng)) / 10.0f, float(coord(rng)) / 10.0f};
+#if defined(QZSSE_BENCH_WITH_CGAL)
+    if (kind == 4) {
+        using K = CGAL::Exact_predicates_inexact_constructions_kernel;
+        std::vector<K::Point_2> sorted;
+        for (const auto& p : points)
+            sorted.emplace_back(p.first, p.second);
+        CGAL::spatial_sort(sorted.begin(), sorted.end());
+        for (std::size_t i = 0; i < points.size(); ++i)
+            points[i] = {float(sorted[i].x()), float(sorted[i].y())};
+    }
+#endif
     if (kind == 3)
         std::sort(points.begin(), points.end(),
                   [](const auto& a, const auto& b) { return a.second != b.second ? a.second < b.second : a.first < b.first; });
@@ -59,7 +72,11 @@ void Sizes(benchmark::internal::Benchmark* b)
     for (int n : {10000, 100000, 1000000})
         b->Args({0, n});
     b->Args({1, 100000});
-    for (int n : {10000, 40000})
+#if defined(QZSSE_BENCH_WITH_CGAL)
+    for (int n : {100000, 1000000})
+        b->Args({4, n});
+#endif
+    for (int n : {10000, 40000, 160000})
         b->Args({2, n})->Args({3, n});
     b->Unit(benchmark::kMillisecond);
 }

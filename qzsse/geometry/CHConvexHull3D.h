@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -63,8 +64,11 @@ struct tFaceStructure {
 // ConstructHull keeps, for every point not yet added, one face it sees (a conflict graph)
 // and finds the others through face adjacency, so a point costs work in proportion to the
 // faces it changes and the waiting points it moves (about n log n in all for points in
-// random order) instead of a scan of every face and edge. Its vertex, edge and
-// face lists, their order and every field are those of AddOne and CleanUp applied to each
+// random order) instead of a scan of every face and edge. When every point is a plane point
+// lifted by AppendVertex2D, the hull is built in flat arrays and the records made at the
+// end, each point's one seen face found by a walk over the triangulation the downward faces
+// form, so nothing is kept per waiting point. Its vertex, edge and face lists, their order
+// and every field are those of AddOne and CleanUp applied to each
 // point in turn, which stay available as they are; this relies on VolumeSign being an
 // orientation test (an override that is not must set m_bFullScan).
 //
@@ -162,10 +166,16 @@ protected:
     void invalidateGridIndex();
     void constructHullWithConflicts();
     void seedConflicts(qzsse::detail::ConflictGraph& graph);
+    // For input on the paraboloid Z = X^2 + Y^2 with this class's own VolumeSign and no
+    // check flag; false when the rest is left to the conflict graph.
+    bool constructLiftedHull();
+    // AddOne from one face p sees (null: none): the other seen faces through face adjacency,
+    // the horizon and the cone faces, gathered in step.
+    bool addOneFrom(tFaceStructure* first, tVertexStructure* p, qzsse::detail::HullStepScratch& step);
     // number: p's number in the conflict graph.
     bool addOneFromConflicts(tVertexStructure* p, std::uint32_t number, qzsse::detail::ConflictGraph& graph,
                              qzsse::detail::HullStepScratch& step);
-    // Whether VolumeSign is this class's own (not overridden).
+    // Whether VolumeSign is this class's own (not overridden, or m_bOwnVolumeSign).
     bool ownVolumeSign() const;
     void cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure** nextVertex,
                                qzsse::detail::HullStepScratch& step);
@@ -188,7 +198,15 @@ protected:
     int m_nVertexCounter;
     // true: ConstructHull runs AddOne and CleanUp on the whole lists for every point.
     bool m_bFullScan = false;
+    // A subclass that keeps this class's VolumeSign may set this, so that construction reads
+    // the coordinates directly (and walks for lifted points) as for this class itself.
+    bool m_bOwnVolumeSign = false;
     unsigned long long m_nEdgeSerial = 0;
+    // Of the points placed by the walk, those whose seen face it missed (found by the scan).
+    std::size_t m_nWalkFallbacks = 0;
+    std::size_t m_nWalkedPoints = 0;
+    // Lifted constructions the flat arrays gave up (the conflict graph took over).
+    std::size_t m_nFlatGiveUps = 0;
     // Speeds up the duplicate test of appending; copies share it as they share the lists.
     std::shared_ptr<qzsse::detail::GridPointIndex> m_pGridIndex;
 };

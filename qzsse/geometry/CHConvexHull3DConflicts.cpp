@@ -1,11 +1,13 @@
 #include "qzsse/geometry/CHConvexHull3D.h"
 
 #include <algorithm>
+#include <memory>
 #include <typeinfo>
 
 #include "qzsse/geometry/CH2DDelaunay.h"
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
 #include "qzsse/geometry/detail/HullConflictGraph.h"
+#include "qzsse/geometry/detail/LiftedHullBuilder.h"
 
 // Construction through the conflict graph: each waiting point keeps one face it sees, and
 // the faces a new point sees are found from that one through face adjacency.
@@ -17,6 +19,8 @@ void CHConvexHull3D::constructHullWithConflicts()
 {
     tVertexStructure* v = m_pVertices;
     if (!v)
+        return;
+    if (!m_bCheck && ownVolumeSign() && qzsse::detail::AllLifted(m_pVertices) && constructLiftedHull())
         return;
     qzsse::detail::ConflictGraph graph(*this);
     qzsse::detail::HullStepScratch step;
@@ -48,7 +52,7 @@ void CHConvexHull3D::constructHullWithConflicts()
 
 bool CHConvexHull3D::ownVolumeSign() const
 {
-    return typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
+    return m_bOwnVolumeSign || typeid(*this) == typeid(CHConvexHull3D) || typeid(*this) == typeid(CH2DDelaunay);
 }
 
 void CHConvexHull3D::seedConflicts(qzsse::detail::ConflictGraph& graph)
@@ -102,56 +106,13 @@ bool SeesFace(const tFaceStructure* f, const long long at[3])
 bool CHConvexHull3D::addOneFromConflicts(tVertexStructure* p, std::uint32_t number,
                                          qzsse::detail::ConflictGraph& graph, qzsse::detail::HullStepScratch& step)
 {
-    step.visible.clear();
-    step.horizon.clear();
-    step.cones.clear();
-    step.removed.clear();
     tFaceStructure* first = graph.FaceOf(number);
-    if (!first) {
-        p->bOnHull = false;
+    if (!addOneFrom(first, p, step))
         return false;
-    }
-
-    // This class's own VolumeSign is read from the coordinates the graph carries; an
-    // override is called as it is.
     const bool own = ownVolumeSign();
     const auto sees = [&](tFaceStructure* f, const qzsse::detail::ConflictArc& a) {
         return own ? SeesFace(f, a.at) : VolumeSign(f, graph.VertexOf(a.number)) < 0;
     };
-    const qzsse::detail::ConflictArc self{{p->x, p->y, p->z}, nullptr, number, 0};
-
-    first->bVisible = true;
-    step.visible.push_back(first);
-    for (std::size_t i = 0; i < step.visible.size(); ++i) {
-        tFaceStructure* f = step.visible[i];
-        for (tEdgeStructure* e : f->edge) {
-            tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
-            if (!g->bVisible && sees(g, self)) {
-                g->bVisible = true;
-                step.visible.push_back(g);
-            }
-        }
-    }
-
-    for (tFaceStructure* f : step.visible) {
-        for (tEdgeStructure* e : f->edge) {
-            if (e->adjface[0]->bVisible && e->adjface[1]->bVisible) {
-                if (!e->bDelete) {
-                    e->bDelete = true;
-                    step.removed.push_back(e);
-                }
-            } else {
-                step.horizon.push_back(e);
-            }
-        }
-    }
-    std::sort(step.horizon.begin(), step.horizon.end(),
-              [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
-    for (tEdgeStructure* e : step.horizon) {
-        tFaceStructure* cone = MakeConeFace(e, p);
-        e->newface = cone;
-        step.cones.push_back(cone);
-    }
     if (step.moved.size() < step.cones.size())
         step.moved.resize(step.cones.size());
     for (std::size_t k = 0; k < step.cones.size(); ++k)
@@ -238,4 +199,89 @@ void CHConvexHull3D::cleanUpAfterConflicts(tVertexStructure* p, tVertexStructure
         p->bOnHull = false;
         p->duplicate = nullptr;
     }
+}
+
+// AddOne on the faces p sees, found from the first through face adjacency. Cone faces are
+// made in edge-list order (the serial order), so they and their edges are created exactly
+// as the scan of the whole edge list creates them.
+bool CHConvexHull3D::addOneFrom(tFaceStructure* first, tVertexStructure* p, qzsse::detail::HullStepScratch& step)
+{
+    step.visible.clear();
+    step.horizon.clear();
+    step.cones.clear();
+    step.removed.clear();
+    if (!first) {
+        p->bOnHull = false;
+        return false;
+    }
+    // This class's own VolumeSign is read from the coordinates; an override is called.
+    const bool own = ownVolumeSign();
+    const long long at[3] = {p->x, p->y, p->z};
+    const auto sees = [&](tFaceStructure* f) { return own ? SeesFace(f, at) : VolumeSign(f, p) < 0; };
+
+    first->bVisible = true;
+    step.visible.push_back(first);
+    for (std::size_t i = 0; i < step.visible.size(); ++i) {
+        tFaceStructure* f = step.visible[i];
+        for (tEdgeStructure* e : f->edge) {
+            tFaceStructure* g = e->adjface[e->adjface[0] == f ? 1 : 0];
+            if (!g->bVisible && sees(g)) {
+                g->bVisible = true;
+                step.visible.push_back(g);
+            }
+        }
+    }
+
+    for (tFaceStructure* f : step.visible) {
+        for (tEdgeStructure* e : f->edge) {
+            if (e->adjface[0]->bVisible && e->adjface[1]->bVisible) {
+                if (!e->bDelete) {
+                    e->bDelete = true;
+                    step.removed.push_back(e);
+                }
+            } else {
+                step.horizon.push_back(e);
+            }
+        }
+    }
+    std::sort(step.horizon.begin(), step.horizon.end(),
+              [](const tEdgeStructure* a, const tEdgeStructure* b) { return a->serial < b->serial; });
+    for (tEdgeStructure* e : step.horizon) {
+        tFaceStructure* cone = MakeConeFace(e, p);
+        e->newface = cone;
+        step.cones.push_back(cone);
+    }
+    return true;
+}
+
+// Lifted plane points: the first point by the full scans (as above), then the flat arrays.
+// false: they gave up; the caller goes on from the hull as it stands (the first point added),
+// whose next point is again added by the full scans.
+bool CHConvexHull3D::constructLiftedHull()
+{
+    tVertexStructure* v = m_pVertices;
+    while (v->bProcessed) {
+        v = v->next;
+        if (v == m_pVertices)
+            return true;
+    }
+    v->bProcessed = true;
+    tVertexStructure* next = v->next;
+    AddOne(v);
+    CleanUp(&next);
+    // The flat arrays start from the solid of four points a fresh seed leaves.
+    if (CalcNumFaces() != 4 || CalcNumEdges() != 6) {
+        ++m_nFlatGiveUps;
+        return false;
+    }
+    qzsse::detail::LiftedHullBuilder builder(*this, m_nEdgeSerial);
+    const bool built = builder.Run();
+    m_nWalkedPoints += builder.Walked();
+    m_nWalkFallbacks += builder.Fallbacks();
+    if (!built) {
+        ++m_nFlatGiveUps;
+        return false;
+    }
+    builder.Finish(m_pFaces, m_pEdges, m_nEdgeSerial);
+    return true;
 }

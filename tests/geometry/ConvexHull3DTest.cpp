@@ -353,9 +353,9 @@ std::vector<long long> Snapshot(const CHConvexHull3D& hull)
     return out;
 }
 
-// Builds both ways; a degenerate set must throw both ways.
-template <class Fast, class Slow, class Fill, class Build>
-void ExpectSameBothWays(Fill fill, Build build, const char* what, int trial)
+// Builds both ways; a degenerate set must throw both ways. inspect sees the fast object.
+template <class Fast, class Slow, class Fill, class Build, class Inspect>
+void ExpectSameBothWays(Fill fill, Build build, const char* what, int trial, Inspect inspect)
 {
     Fast fast;
     Slow slow;
@@ -378,6 +378,13 @@ void ExpectSameBothWays(Fill fill, Build build, const char* what, int trial)
         ASSERT_GT(expected.size(), 3u);
         ASSERT_EQ(Snapshot(fast), expected) << what << ' ' << trial;
     }
+    inspect(fast);
+}
+
+template <class Fast, class Slow, class Fill, class Build>
+void ExpectSameBothWays(Fill fill, Build build, const char* what, int trial)
+{
+    ExpectSameBothWays<Fast, Slow>(fill, build, what, trial, [](const Fast&) {});
 }
 
 } // namespace
@@ -563,5 +570,114 @@ TEST(Hull3DConflicts, OnePassFinishEqualsTheStepsWithWalkedCounts)
                     h.AppendVertex3D(p[0], p[1], p[2], 10.0f);
             },
             hull, "3-D", trial);
+    }
+}
+
+namespace {
+
+// The class's own predicates, with the construction's counters readable.
+struct Counted : CH2DDelaunay {
+    Counted() { m_bOwnVolumeSign = true; }
+    std::size_t Walked() const { return m_nWalkedPoints; }
+    std::size_t Fallbacks() const { return m_nWalkFallbacks; }
+    std::size_t GiveUps() const { return m_nFlatGiveUps; }
+};
+
+} // namespace
+
+// Lifted plane points are placed by the walk over the downward faces; its answers are
+// checked, so the lists must equal the full scans' whatever it does, and on these sets it
+// should never need the scan of every face.
+TEST(Hull3DWalk, PlanePointsEqualTheFullScansAndNeedNoFallback)
+{
+    std::mt19937 rng(31337);
+    std::normal_distribution<float> blob(0.0f, 8.0f);
+    const auto byRows = [](auto& pts) {
+        std::sort(pts.begin(), pts.end(), [](const auto& a, const auto& b) {
+            return a.second != b.second ? a.second < b.second : a.first < b.first;
+        });
+    };
+    enum Kind { Random, Clustered, GridRows, RandomRows, GridShuffled, FewLines, kKinds };
+    for (int kind = 0; kind < kKinds; ++kind) {
+        std::vector<std::pair<float, float>> pts(2000);
+        for (std::size_t i = 0; i < pts.size(); ++i) {
+            const float r = float(rng() % 60000) / 10.0f, t = float(rng() % 60000) / 10.0f;
+            switch (kind) {
+            case Clustered:
+                pts[i] = {std::round((float(i % 4) * 300.0f + blob(rng)) * 10.0f) / 10.0f,
+                          std::round((float(i % 3) * 200.0f + blob(rng)) * 10.0f) / 10.0f};
+                break;
+            case GridRows:
+            case GridShuffled: // every grid square cocircular, boundaries collinear
+                pts[i] = {float(i % 50), float(i / 50)};
+                break;
+            case FewLines: // three parallel lines: long collinear runs on the boundary
+                pts[i] = {r, float(rng() % 3) * 50.0f};
+                break;
+            default:
+                pts[i] = {r, t};
+            }
+        }
+        if (kind == GridRows || kind == RandomRows)
+            byRows(pts);
+        if (kind == GridShuffled)
+            std::shuffle(pts.begin(), pts.end(), rng);
+        ExpectSameBothWays<Counted, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (std::size_t i = 0; i < pts.size(); ++i)
+                    d.AppendVertex(pts[i].first, pts[i].second, int(i), false);
+            },
+            [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "walk", kind,
+            [&](const Counted& d) {
+                EXPECT_GT(d.Walked(), 1000u) << kind;
+                EXPECT_EQ(d.Fallbacks(), 0u) << kind;
+            });
+    }
+}
+
+// A point off the paraboloid makes the set an ordinary 3-D one: the conflict graph builds it.
+TEST(Hull3DWalk, OnePointOffTheParaboloidTakesTheConflictGraph)
+{
+    std::mt19937 rng(8);
+    std::vector<int> coords(1000);
+    for (int& c : coords)
+        c = int(rng() % 1000);
+    for (int off = 0; off < 2; ++off) {
+        ExpectSameBothWays<Counted, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (int i = 0; i < 500; ++i)
+                    d.AppendVertex(float(coords[2 * i]) / 10.0f, float(coords[2 * i + 1]) / 10.0f, i, false);
+                // (3, 4) lifted is (3, 4, 25); 26 is one step above the paraboloid.
+                d.AppendVertex3D(3.0f, 4.0f, off ? 26.0f : 25.0f, 1.0f);
+            },
+            [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "off", off,
+            [&](const Counted& d) { EXPECT_EQ(d.Walked() == 0, off == 1); });
+    }
+}
+
+// Where the flat arrays do not follow (a point equal to a vertex, made by hand, sees no face
+// and is dropped) or the hull is checked after every point, the conflict graph builds it.
+TEST(Hull3DWalk, ConflictGraphTakesOverFromTheFlatArrays)
+{
+    std::mt19937 rng(5);
+    std::vector<int> coords(800);
+    for (int& c : coords)
+        c = int(rng() % 2000);
+    for (int checked = 0; checked < 2; ++checked) {
+        ExpectSameBothWays<Counted, FullScan<CH2DDelaunay>>(
+            [&](CH2DDelaunay& d) {
+                for (int i = 0; i < 300; ++i)
+                    d.AppendVertex(float(coords[2 * i]) / 10.0f, float(coords[2 * i + 1]) / 10.0f, i, false);
+                d.SetCheckFlag(checked == 1);
+                const std::vector<tVertexStructure*> v = Vertices(d);
+                ASSERT_EQ(v.size(), 300u);
+                v[250]->x = v[7]->x, v[250]->y = v[7]->y, v[250]->z = v[7]->z;
+            },
+            [](CH2DDelaunay& d) { d.CalcDelaunayTriangulation(); }, "take over", checked,
+            [&](const Counted& d) {
+                EXPECT_EQ(d.GetNumVertices(), 299);
+                EXPECT_EQ(d.GiveUps(), checked ? 0u : 1u);
+                EXPECT_EQ(d.Walked() > 200, checked == 0); // the walk stops at the duplicate
+            });
     }
 }

@@ -2,7 +2,8 @@
 
 #include <array>
 #include <cstddef>
-#include <unordered_set>
+#include <cstdint>
+#include <vector>
 
 struct tVertexStructure;
 
@@ -22,29 +23,34 @@ public:
     }
     void Invalidate() { m_valid = false; }
     void Rebuild(const tVertexStructure* head);
-    bool Contains(const Key& k) const { return m_points.count(k) != 0; }
+    bool Contains(const Key& k) const;
     // Records k and the list's new head and tail once a vertex was appended to a list the
     // index mirrored just before.
     void Appended(const Key& k, const tVertexStructure* head, const tVertexStructure* tail)
     {
-        m_points.insert(k);
+        insert(k);
         m_valid = true;
         m_head = head;
         m_tail = tail;
     }
 
 private:
-    struct Hash {
-        std::size_t operator()(const Key& k) const
-        {
-            std::size_t h = std::size_t(k[0]) * 0x9E3779B97F4A7C15ull;
-            h ^= std::size_t(k[1]) + 0x632BE59BD9B4E019ull + (h << 6) + (h >> 2);
-            h ^= std::size_t(k[2]) + 0x8CB92BA72F3D8DD7ull + (h << 6) + (h >> 2);
-            return h;
-        }
-    };
+    static std::size_t hash(const Key& k)
+    {
+        std::uint64_t h = std::uint64_t(k[0]) * 0x9E3779B97F4A7C15ull;
+        h ^= (std::uint64_t(k[1]) + 0x632BE59BD9B4E019ull) * 0xC2B2AE3D27D4EB4Full;
+        h ^= (std::uint64_t(k[2]) + 0x8CB92BA72F3D8DD7ull) * 0x165667B19E3779F9ull;
+        h ^= h >> 32;
+        h *= 0xD6E8FEB86659FD93ull;
+        return std::size_t(h ^ (h >> 32));
+    }
+    void insert(const Key& k);
+    void clear();
 
-    std::unordered_set<Key, Hash> m_points;
+    // Open addressing with linear probing, at most half full; the table size is a power of two.
+    std::vector<Key> m_keys;
+    std::vector<std::uint8_t> m_used;
+    std::size_t m_count = 0;
     const tVertexStructure* m_head = nullptr;
     const tVertexStructure* m_tail = nullptr;
     bool m_valid = false;
