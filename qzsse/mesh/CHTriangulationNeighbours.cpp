@@ -14,6 +14,7 @@
 #include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
+#include <cmath>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -56,95 +57,253 @@ inline bool sameBits(__m128i a, __m128i b)
 } // namespace
 
 // Numbers the distinct corner points in order of first occurrence, so that corners compare
-// as integers. A corner with a NaN lane equals nothing, not even itself, and gets -1.
+// as integers; corners are asked for in ascending order. A corner with a NaN lane equals
+// nothing, not even itself, and gets -1. The table holds a 32-bit tag beside each number, so
+// only a matching tag reads the point itself.
 //
-// Corners of a mesh recur close together, so a small direct-mapped cache of recent points
-// answers most look-ups from the processor's cache; the table behind it holds a 32-bit tag
-// beside each number, so only a matching tag reads the point itself.
-ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
-{
-    ScratchVector<int> ids(count, -1);
+// Where a point lands in the table only decides the speed. First it lands by position: x and
+// y pick a cell of a grid laid over the box of a sample of the corners, two slots per cell,
+// so the points of a mesh walked in any scan order are looked up in a small moving part of
+// the table. Should a look-up probe too far (points piled up in a few cells: outliers of the
+// sample's box, many points above one another), or the table fill up, the table is rebuilt
+// on a hash of all four lanes. Then a small direct-mapped cache of recent points answers
+// most look-ups, and for a corner the cache lacks a few steps ahead the table slot is
+// fetched early, so that the misses in a table larger than the processor's cache overlap.
+class CornerNumbering {
+public:
+    CornerNumbering(const SSEPoint* corners, size_t count)
+        : m_corners(corners), m_count(count)
+    {
+        // A mesh of shared corners has about a sixth as many points (a grid a sixth, a random
+        // Delaunay mesh slightly less); the table grows at half load.
+        m_capacity = 1024;
+        while (m_capacity < count / 3)
+            m_capacity *= 2;
+        m_table.assign(m_capacity, Slot{0, -1});
+        m_keys.reserve(m_capacity / 2);
+        m_local = placeByPosition();
+        if (!m_local)
+            startHashing(0);
+    }
+
+    int NumPoints() const { return static_cast<int>(m_keys.size()); }
+
+    // The number of corner i, one greater than every earlier one when i is a new point.
+    __attribute__((always_inline)) int Next(size_t i)
+    {
+        if (m_local) {
+            m_next = i + 1;
+            const __m128 p = m_corners[i].m;
+            if (hasNaN(p))
+                return -1;
+            const __m128i key = canonicalBits(p);
+            const size_t slot = localSlot(p);
+            const uint32_t tag = localTag(key);
+            const Slot s = m_table[slot];
+            if (s.id >= 0 && s.tag == tag && sameBits(keyOf(s.id), key))
+                return s.id;
+            return nextLocal(i, key, slot, tag);
+        }
+        return nextHashed(i);
+    }
+
+private:
     struct Slot {
         uint32_t tag;
         int id; // -1 for an empty slot
     };
-    size_t capacity = 1024;
-    while (capacity < count / 2)
-        capacity *= 2;
-    ScratchVector<Slot> table(capacity, Slot{0, -1});
     struct Key {
         alignas(16) unsigned char bits[16];
     };
-    ScratchVector<Key> keys; // per point number
-    keys.reserve(capacity / 2);
-
     struct alignas(32) Recent {
         __m128i key;
         int id;
     };
-    constexpr size_t kRecent = 1 << 14;
-    std::vector<Recent> recent(kRecent, Recent{_mm_setzero_si128(), -1});
+    static constexpr size_t kRecent = 1 << 13;
+    static constexpr size_t kAhead = 16;
+    static constexpr int kMaxLocalProbes = 64;
+    static constexpr int kTooFar = INT_MIN;
 
-    auto grow = [&] {
-        capacity *= 2;
-        table.assign(capacity, Slot{0, -1});
-        for (size_t id = 0; id < keys.size(); ++id) {
-            const uint64_t h = hashBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[id].bits)));
-            size_t slot = h & (capacity - 1);
-            while (table[slot].id >= 0)
-                slot = (slot + 1) & (capacity - 1);
-            table[slot] = Slot{static_cast<uint32_t>(h >> 32), static_cast<int>(id)};
-        }
-    };
+    __m128i keyOf(int id) const { return _mm_load_si128(reinterpret_cast<const __m128i*>(m_keys[static_cast<size_t>(id)].bits)); }
 
-    // Points met for the first time miss the cache in a table larger than it; the slot of
-    // the corner a few steps ahead is fetched early so that those misses overlap.
-    // The hashes are computed that far ahead and kept in a ring.
-    constexpr size_t kAhead = 16;
-    uint64_t ahead[kAhead];
-    for (size_t i = 0; i < kAhead && i < count; ++i)
-        ahead[i] = hashBits(canonicalBits(corners[i].m));
-    for (size_t i = 0; i < count; ++i) {
-        const uint64_t h = ahead[i % kAhead];
-        if (i + kAhead < count) {
-            const uint64_t later = hashBits(canonicalBits(corners[i + kAhead].m));
-            ahead[i % kAhead] = later;
-            __builtin_prefetch(&table[later & (capacity - 1)]);
-            __builtin_prefetch(&recent[(later >> 20) & (kRecent - 1)]);
+    __attribute__((noinline)) int nextLocal(size_t i, __m128i key, size_t slot, uint32_t tag)
+    {
+        const int id = find(key, slot, tag, kMaxLocalProbes);
+        if (id != kTooFar)
+            return id;
+        startHashing(i + 1);   // corner i itself is placed below
+        return hashed(i, hashBits(key), key);
+    }
+
+    __attribute__((noinline)) int nextHashed(size_t i)
+    {
+        const size_t at = i % kAhead;
+        const uint64_t h = m_ahead[at];
+        const int early = m_aheadId[at];
+        if (i + kAhead < m_count)
+            lookAhead(i + kAhead);
+        if (early >= 0)
+            return early;
+        if (hasNaN(m_corners[i].m))
+            return -1;
+        return hashed(i, h, canonicalBits(m_corners[i].m));
+    }
+
+    static uint32_t localTag(__m128i key)
+    {
+        const __m128i folded = _mm_xor_si128(key, _mm_shuffle_epi32(key, _MM_SHUFFLE(1, 0, 3, 2)));
+        const __m128i twice = _mm_xor_si128(folded, _mm_shuffle_epi32(folded, _MM_SHUFFLE(2, 3, 0, 1)));
+        return static_cast<uint32_t>(_mm_cvtsi128_si32(twice)) * 0x9E3779B1u;
+    }
+
+    size_t localSlot(__m128 p) const
+    {
+        // Not NaN here; an infinite lane clamps to a border cell.
+        __m128 cell = _mm_mul_ps(_mm_sub_ps(p, m_origin), m_cellsPerUnit);
+        cell = _mm_min_ps(_mm_max_ps(cell, _mm_setzero_ps()), m_lastCell);
+        const __m128i c = _mm_cvttps_epi32(cell);
+        const size_t cx = static_cast<size_t>(_mm_cvtsi128_si32(c));
+        const size_t cy = static_cast<size_t>(_mm_cvtsi128_si32(_mm_shuffle_epi32(c, 1)));
+        return 2 * (cy * m_cellsX + cx) & (m_capacity - 1);
+    }
+
+    // The cell grid over the x/y box of every 1 / stride-th corner, one cell per expected
+    // point; false when the box is empty or a point.
+    bool placeByPosition()
+    {
+        float lo[2] = {INFINITY, INFINITY}, hi[2] = {-INFINITY, -INFINITY};
+        const size_t stride = std::max<size_t>(1, m_count / 65536);
+        for (size_t i = 0; i < m_count; i += stride) {
+            const float v[2] = {m_corners[i].x, m_corners[i].y};
+            for (int k = 0; k < 2; ++k)
+                if (std::isfinite(v[k])) {
+                    lo[k] = std::min(lo[k], v[k]);
+                    hi[k] = std::max(hi[k], v[k]);
+                }
         }
-        if (hasNaN(corners[i].m))
-            continue;
-        const __m128i key = canonicalBits(corners[i].m);
-        Recent& r = recent[(h >> 20) & (kRecent - 1)];
-        if (r.id >= 0 && sameBits(r.key, key)) {
-            ids[i] = r.id;
-            continue;
+        if (!(lo[0] <= hi[0] && lo[1] <= hi[1]))
+            return false;
+        const double w = double(hi[0]) - lo[0], h = double(hi[1]) - lo[1];
+        const double cells = double(m_capacity / 2);
+        double nx = 1, ny = 1;
+        if (w > 0 && h > 0) {
+            nx = std::clamp(std::floor(std::sqrt(cells * w / h)), 1.0, cells);
+            ny = std::max(1.0, std::floor(cells / nx));
         }
-        const uint32_t tag = static_cast<uint32_t>(h >> 32);
-        size_t slot = h & (capacity - 1);
-        int id;
-        for (;;) {
-            const Slot s = table[slot];
-            if (s.id < 0) {
-                id = static_cast<int>(keys.size());
-                keys.emplace_back();
-                _mm_store_si128(reinterpret_cast<__m128i*>(keys.back().bits), key);
-                table[slot] = Slot{tag, id};
-                if (keys.size() * 2 > capacity)
-                    grow();
+        else if (w > 0)
+            nx = cells;
+        else if (h > 0)
+            ny = cells;
+        else
+            return false;
+        m_cellsX = static_cast<size_t>(nx);
+        m_origin = _mm_setr_ps(lo[0], lo[1], 0.0f, 0.0f);
+        m_cellsPerUnit = _mm_setr_ps(w > 0 ? float(nx / w) : 0.0f, h > 0 ? float(ny / h) : 0.0f, 0.0f, 0.0f);
+        m_lastCell = _mm_setr_ps(float(nx - 1), float(ny - 1), 0.0f, 0.0f);
+        return true;
+    }
+
+    // The number of key, probing from slot; a new number when it is not there yet. kTooFar
+    // when more than maxProbes slots were passed (nothing changed then).
+    int find(__m128i key, size_t slot, uint32_t tag, int maxProbes)
+    {
+        for (int probes = 0;; ++probes) {
+            const Slot s = m_table[slot];
+            if (s.id < 0)
                 break;
-            }
-            if (s.tag == tag && sameBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[static_cast<size_t>(s.id)].bits)), key)) {
-                id = s.id;
-                break;
-            }
-            slot = (slot + 1) & (capacity - 1);
+            if (s.tag == tag && sameBits(keyOf(s.id), key))
+                return s.id;
+            if (probes == maxProbes)
+                return kTooFar;
+            slot = (slot + 1) & (m_capacity - 1);
         }
-        ids[i] = id;
+        const int id = static_cast<int>(m_keys.size());
+        m_keys.emplace_back();
+        _mm_store_si128(reinterpret_cast<__m128i*>(m_keys.back().bits), key);
+        m_table[slot] = Slot{tag, id};
+        if (m_keys.size() * 2 > m_capacity) {
+            m_capacity *= 2;
+            if (m_local)
+                startHashing(m_next);
+            else
+                rebuild();
+        }
+        return id;
+    }
+
+    int hashed(size_t i, uint64_t h, __m128i key)
+    {
+        m_next = i + 1;
+        Recent& r = m_recent[(h >> 20) & (kRecent - 1)];
+        if (r.id >= 0 && sameBits(r.key, key))
+            return r.id;
+        const int id = find(key, h & (m_capacity - 1), static_cast<uint32_t>(h >> 32), INT_MAX);
         r.key = key;
         r.id = id;
+        return id;
     }
-    numPoints = static_cast<int>(keys.size());
+
+    // Leaves the placement by position for good: the table on the hash, the look-ahead
+    // ring filled from corner from.
+    void startHashing(size_t from)
+    {
+        m_local = false;
+        m_next = from;
+        if (m_recent.empty())
+            m_recent.assign(kRecent, Recent{_mm_setzero_si128(), -1});
+        rebuild();
+        for (size_t i = from; i < from + kAhead && i < m_count; ++i)
+            lookAhead(i);
+    }
+
+    // A few corners ahead the recent cache is asked already: a hit is kept (numbers never
+    // change), and on a miss the table slot is fetched (fetching it for every corner would
+    // fill the memory queue with slots mostly not needed).
+    void lookAhead(size_t i)
+    {
+        const __m128i key = canonicalBits(m_corners[i].m);
+        const uint64_t h = hashBits(key);
+        m_ahead[i % kAhead] = h;
+        const Recent& seen = m_recent[(h >> 20) & (kRecent - 1)];
+        const bool hit = seen.id >= 0 && sameBits(seen.key, key) && !hasNaN(m_corners[i].m);
+        m_aheadId[i % kAhead] = hit ? seen.id : -1;
+        if (!hit)
+            __builtin_prefetch(&m_table[h & (m_capacity - 1)]);
+    }
+
+    void rebuild()
+    {
+        m_table.assign(m_capacity, Slot{0, -1});
+        for (size_t id = 0; id < m_keys.size(); ++id) {
+            const uint64_t h = hashBits(_mm_load_si128(reinterpret_cast<const __m128i*>(m_keys[id].bits)));
+            size_t slot = h & (m_capacity - 1);
+            while (m_table[slot].id >= 0)
+                slot = (slot + 1) & (m_capacity - 1);
+            m_table[slot] = Slot{static_cast<uint32_t>(h >> 32), static_cast<int>(id)};
+        }
+    }
+
+    const SSEPoint* m_corners;
+    size_t m_count;
+    size_t m_capacity;
+    ScratchVector<Slot> m_table;
+    ScratchVector<Key> m_keys;   // per point number
+    bool m_local;                // placed by position (else by hash)
+    size_t m_cellsX = 1;
+    __m128 m_origin = _mm_setzero_ps(), m_cellsPerUnit = _mm_setzero_ps(), m_lastCell = _mm_setzero_ps();
+    size_t m_next = 0;           // the corner after the one being numbered
+    std::vector<Recent> m_recent;
+    uint64_t m_ahead[kAhead];    // hashes of the next corners, in a ring
+    int m_aheadId[kAhead];       // their numbers where the recent cache knew them, else -1
+};
+
+ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
+{
+    ScratchVector<int> ids(count);
+    CornerNumbering numbering(corners, count);
+    for (size_t i = 0; i < count; ++i)
+        ids[i] = numbering.Next(i);
+    numPoints = numbering.NumPoints();
     return ids;
 }
 
@@ -473,6 +632,170 @@ bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int num
     return true;
 }
 
+// The same result as MatchManifoldEdges followed by the list pass, in one pass over the
+// triangles that numbers their corners, matches their edges and writes each record as it
+// goes, so that a mesh whose neighbours lie close in the record order (a grid, in any scan
+// order) is worked on in the cache. Each point lists the edges whose lower point it is, with
+// the matched ones kept (a third triangle on an edge must be seen). Also allowed: collapsed
+// triangles (one point three times, as the zeroed surplus records of the full-resolution
+// mesher), provided no plain triangle after the first of them holds their point. Such a
+// triangle matches no plain one that precedes it (a plain triangle holds the point once, so
+// two of its corners never occur in it), and the collapsed ones of a point match each other:
+// each walk sets slot 0 to every later one, and back, so each ends with the group's last
+// record, the last with the one before it; none fills up. Returns false, with records
+// partly written, when the mesh is not of that kind.
+class PlainMeshLinker {
+public:
+    PlainMeshLinker(const SSEPoint* corners, t_htriangle* records, int n)
+        : m_corners(corners), m_records(records), m_n(n), m_numbering(corners, 3 * static_cast<size_t>(n)),
+          m_filled(static_cast<size_t>(n))
+    {
+        m_points.reserve(static_cast<size_t>(n) / 2 + static_cast<size_t>(n) / 16 + 64);
+    }
+
+    bool Run(t_htriangle*& listHead)
+    {
+        for (int t = 0; t < m_n; ++t)
+            if (!link(t))
+                return false;
+        linkCollapsedGroups();
+        // The list ends as the records left incomplete, in order.
+        t_htriangle* last = nullptr;
+        listHead = nullptr;
+        for (int t = 0; t < m_n; ++t) {
+            if (m_filled[static_cast<size_t>(t)] == 3)
+                continue;
+            t_htriangle& r = m_records[t];
+            r.pPrev = last;
+            (last != nullptr ? last->pNext : listHead) = &r;
+            last = &r;
+        }
+        return true;
+    }
+
+private:
+    static constexpr int kPerBlock = 6;     // a grid point has at most six edges
+    static constexpr int kMaxBlocks = 32;   // longer chains (big fans) go the sorting way
+    // Edges listed under their lower point: the higher point and 3 * triangle + slot, bit-
+    // inverted once matched. More than kPerBlock continue in chained blocks of the pool.
+    struct PointEdges {
+        int count;
+        int more;        // next block in m_pool, or -1
+        int collapsed;   // a collapsed triangle of this point was seen
+        int other[kPerBlock];
+        int edge[kPerBlock];
+        int unused;
+    };
+    static_assert(sizeof(PointEdges) == 64);
+
+    int pointOf(size_t corner)
+    {
+        const int id = m_numbering.Next(corner);
+        if (id == static_cast<int>(m_points.size()))
+            m_points.push_back(PointEdges{0, -1, 0, {}, {}, 0});
+        return id;
+    }
+
+    bool samePoint(size_t a, size_t b) const
+    {
+        return sameBits(canonicalBits(m_corners[a].m), canonicalBits(m_corners[b].m));
+    }
+
+    bool link(int t)
+    {
+        const size_t base = 3 * static_cast<size_t>(t);
+        const int a[3] = {pointOf(base), pointOf(base + 1), pointOf(base + 2)};
+        t_htriangle& r = m_records[t];
+        r.pNext = r.pPrev = nullptr;
+        r.pNeighbour[0] = r.pNeighbour[1] = r.pNeighbour[2] = nullptr;
+        if (a[0] < 0 || a[1] < 0 || a[2] < 0)
+            return false;
+        if (a[0] == a[1] && a[1] == a[2]) {
+            m_points[static_cast<size_t>(a[0])].collapsed = 1;
+            m_collapsed.push_back(Collapsed{a[0], t});
+            return true;
+        }
+        if (a[0] == a[1] || a[1] == a[2] || a[2] == a[0])
+            return false;
+        if ((m_points[static_cast<size_t>(a[0])].collapsed | m_points[static_cast<size_t>(a[1])].collapsed |
+             m_points[static_cast<size_t>(a[2])].collapsed) != 0)
+            return false;
+        for (int k = 0; k < 3; ++k) {
+            const int p = a[k], q = a[(k + 1) % 3];
+            const int lower = std::min(p, q), higher = std::max(p, q);
+            PointEdges* block = &m_points[static_cast<size_t>(lower)];
+            int blocks = 1;
+            for (;;) {
+                int i = 0;
+                while (i < block->count && block->other[i] != higher)
+                    ++i;
+                if (i < block->count) {
+                    const int e = block->edge[i];
+                    if (e < 0)
+                        return false;   // a third triangle on the edge
+                    const int u = e / 3, j = e % 3;
+                    if (samePoint(3 * static_cast<size_t>(u) + static_cast<size_t>((j + 2) % 3), base + static_cast<size_t>((k + 2) % 3)))
+                        return false;   // the same three points twice
+                    block->edge[i] = ~e;
+                    r.pNeighbour[k] = &m_records[u];
+                    m_records[u].pNeighbour[j] = &r;
+                    ++m_filled[static_cast<size_t>(u)];
+                    ++m_filled[static_cast<size_t>(t)];
+                    break;
+                }
+                if (block->count < kPerBlock) {
+                    block->other[block->count] = higher;
+                    block->edge[block->count] = static_cast<int>(base) + k;
+                    ++block->count;
+                    break;
+                }
+                if (block->more < 0) {
+                    if (blocks == kMaxBlocks)
+                        return false;
+                    block->more = static_cast<int>(m_pool.size());
+                }
+                const size_t more = static_cast<size_t>(block->more);
+                if (more == m_pool.size())
+                    m_pool.push_back(PointEdges{0, -1, 0, {}, {}, 0});   // may move the pool
+                block = &m_pool[more];
+                ++blocks;
+            }
+        }
+        return true;
+    }
+
+    void linkCollapsedGroups()
+    {
+        std::stable_sort(m_collapsed.begin(), m_collapsed.end(),
+                         [](const Collapsed& x, const Collapsed& y) { return x.point < y.point; });
+        for (size_t g = 0; g < m_collapsed.size();) {
+            size_t end = g + 1;
+            while (end < m_collapsed.size() && m_collapsed[end].point == m_collapsed[g].point)
+                ++end;
+            const int last = m_collapsed[end - 1].triangle;
+            for (size_t i = g; i + 1 < end; ++i)
+                m_records[m_collapsed[i].triangle].pNeighbour[0] = &m_records[last];
+            if (end - g >= 2)
+                m_records[last].pNeighbour[0] = &m_records[m_collapsed[end - 2].triangle];
+            g = end;
+        }
+    }
+
+    struct Collapsed {
+        int point;
+        int triangle;
+    };
+
+    const SSEPoint* m_corners;
+    t_htriangle* m_records;
+    int m_n;
+    CornerNumbering m_numbering;
+    ScratchVector<unsigned char> m_filled;   // slots set, per triangle
+    ScratchVector<PointEdges> m_points;      // per point number
+    std::vector<PointEdges> m_pool;
+    std::vector<Collapsed> m_collapsed;
+};
+
 } // namespace
 
 } // namespace qzsse::detail
@@ -508,6 +831,11 @@ void CHTriangulation::CalcNeighbours()
     if (n == 0) {
         IndexTriangleList();
         return;
+    }
+    if (!qzsse::detail::g_bDirectNeighbourReplay && 3 * static_cast<size_t>(n) <= static_cast<size_t>(INT_MAX)) {
+        qzsse::detail::PlainMeshLinker linker(m_pEdgeArray, m_pTriangles, n);
+        if (linker.Run(m_pTriangleList))
+            return;
     }
     int numPoints = 0;
     const qzsse::detail::ScratchVector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);
