@@ -93,6 +93,10 @@ public:
     {
         if (m_local) {
             m_next = i + 1;
+            // A scan across the table's rows (a mesh made column by column) takes a new cache
+            // line per corner, so the slot is fetched a few corners early.
+            if (i + kAhead < m_count)
+                __builtin_prefetch(&m_table[localSlot(m_corners[i + kAhead].m)]);
             const __m128 p = m_corners[i].m;
             if (hasNaN(p))
                 return -1;
@@ -158,7 +162,7 @@ private:
 
     size_t localSlot(__m128 p) const
     {
-        // Not NaN here; an infinite lane clamps to a border cell.
+        // An infinite lane clamps to a border cell, a NaN one (only ever prefetched) to cell 0.
         __m128 cell = _mm_mul_ps(_mm_sub_ps(p, m_origin), m_cellsPerUnit);
         cell = _mm_min_ps(_mm_max_ps(cell, _mm_setzero_ps()), m_lastCell);
         const __m128i c = _mm_cvttps_epi32(cell);
