@@ -235,7 +235,9 @@ void CHConvexHull2D::quickSortRange(unsigned char* base, int lo, int hi, int siz
     }
 }
 
-tStackCell* CHConvexHull2D::Graham()
+// The scan as described, a cell allocated per push and freed per pop: what Graham is checked
+// against.
+tStackCell* CHConvexHull2D::grahamByCells()
 {
     tStackCell* top = nullptr;
     for (int k = 0; k < 2 && k < m_nNumPoints; ++k)
@@ -260,6 +262,43 @@ tStackCell* CHConvexHull2D::Graham()
             top = Pop(top);
         }
     }
+    return top;
+}
+
+// The scan runs on an array of point numbers; only the points left on the stack at the end
+// get their cells, pushed in the same order, so the stack built is the one the pushes and
+// pops would leave. Every point is pushed once, so the array never outgrows n.
+tStackCell* CHConvexHull2D::Graham()
+{
+    if (qzsse::detail::g_bDirectHullSort)
+        return grahamByCells();
+    if (m_nNumPoints < 3) {
+        tStackCell* top = nullptr;
+        for (int k = 0; k < m_nNumPoints; ++k)
+            top = Push(&m_pPoints[k], top);
+        return top;
+    }
+    qzsse::detail::ScratchVector<int> stack(static_cast<size_t>(m_nNumPoints));
+    stack[0] = 0;
+    stack[1] = 1;
+    size_t height = 2;
+    for (int i = 2; i < m_nNumPoints;) {
+        if (height < 2) {
+            std::printf("Error\n");
+            std::fflush(stdout);
+            return nullptr;
+        }
+        const tPointStruc& t = m_pPoints[stack[height - 1]];
+        const tPointStruc& s = m_pPoints[stack[height - 2]];
+        const tPointStruc& p = m_pPoints[i];
+        if ((t.x - s.x) * (p.y - s.y) - (p.x - s.x) * (t.y - s.y) > qzsse::detail::c_fHullOrientationTolerance)
+            stack[height++] = i++;
+        else
+            --height;
+    }
+    tStackCell* top = nullptr;
+    for (size_t k = 0; k < height; ++k)
+        top = Push(&m_pPoints[stack[k]], top);
     return top;
 }
 
@@ -390,6 +429,39 @@ void CHConvexHull2D::sortByAngle()
         return j;
     };
 
+    // Small ranges, where setting up a partition costs more than its comparisons, run
+    // quickSortRange itself on the compact arrays, scan by scan.
+    const auto outcome1 = [&](int e, int pivot) {
+        const size_t a = static_cast<size_t>(e), b = static_cast<size_t>(pivot);
+        const float area = dx[a] * dy[b] - dy[a] * dx[b];
+        if (area > qzsse::detail::c_fHullOrientationTolerance)
+            return -1;
+        if (area < -qzsse::detail::c_fHullOrientationTolerance)
+            return 1;
+        ++deletions;
+        return Compare(&m_pPoints[record[a]], &m_pPoints[record[b]]);
+    };
+    const auto sortSmall = [&](auto& self, int lo, int hi) -> void {
+        while (lo < hi) {
+            exchange(lo, lo + (hi - lo) / 2);
+            int i = lo;
+            int j = hi + 1;
+            for (;;) {
+                while (++i <= hi && outcome1(i, lo) < 0) {
+                }
+                while (--j > lo && outcome1(j, lo) > 0) {
+                }
+                if (i >= j)
+                    break;
+                exchange(i, j);
+            }
+            exchange(lo, j);
+            self(self, lo, j - 1);
+            lo = j + 1;
+        }
+    };
+    constexpr int kSmallRange = 12;
+
     // Ranges are disjoint, so the order they are taken in changes nothing; this is
     // quickSortRange's, with an explicit stack.
     std::vector<std::pair<int, int>> pending{{0, count - 1}};
@@ -397,6 +469,10 @@ void CHConvexHull2D::sortByAngle()
         auto [lo, hi] = pending.back();
         pending.pop_back();
         while (lo < hi) {
+            if (hi - lo < kSmallRange) {
+                sortSmall(sortSmall, lo, hi);
+                break;
+            }
             const int j = partition(lo, hi);
             if (j - lo < hi - j) {
                 pending.emplace_back(j + 1, hi);
