@@ -700,11 +700,6 @@ private:
         return id;
     }
 
-    bool samePoint(size_t a, size_t b) const
-    {
-        return sameBits(canonicalBits(m_corners[a].m), canonicalBits(m_corners[b].m));
-    }
-
     bool link(int t)
     {
         const size_t base = 3 * static_cast<size_t>(t);
@@ -738,8 +733,11 @@ private:
                     if (e < 0)
                         return false;   // a third triangle on the edge
                     const int u = e / 3, j = e % 3;
-                    if (samePoint(3 * static_cast<size_t>(u) + static_cast<size_t>((j + 2) % 3), base + static_cast<size_t>((k + 2) % 3)))
-                        return false;   // the same three points twice
+                    // Two triangles on the same three points share all three edges, so t
+                    // meets u again on a later edge (or finds one of u's edges matched).
+                    for (int earlier = 0; earlier < k; ++earlier)
+                        if (r.pNeighbour[earlier] == &m_records[u])
+                            return false;
                     block->edge[i] = ~e;
                     r.pNeighbour[k] = &m_records[u];
                     m_records[u].pNeighbour[j] = &r;
