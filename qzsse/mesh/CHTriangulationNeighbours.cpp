@@ -651,7 +651,7 @@ bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int num
 class PlainMeshLinker {
 public:
     PlainMeshLinker(const SSEPoint* corners, t_htriangle* records, int n)
-        : m_corners(corners), m_records(records), m_n(n), m_numbering(corners, 3 * static_cast<size_t>(n)),
+        : m_records(records), m_n(n), m_numbering(corners, 3 * static_cast<size_t>(n)),
           m_filled(static_cast<size_t>(n))
     {
         m_points.reserve(static_cast<size_t>(n) / 2 + static_cast<size_t>(n) / 16 + 64);
@@ -788,7 +788,6 @@ private:
         int triangle;
     };
 
-    const SSEPoint* m_corners;
     t_htriangle* m_records;
     int m_n;
     CornerNumbering m_numbering;
