@@ -37,15 +37,26 @@ public:
                 best = i;
         if (best == m_count)
             return nullptr;
-        void* p = m_blocks[best].p;
-        m_total -= m_blocks[best].bytes;
-        m_blocks[best] = m_blocks[--m_count];
-        return p;
+        const Block block = m_blocks[best];
+        m_total -= block.bytes;
+        for (size_t i = best + 1; i < m_count; ++i)   // the rest stay oldest first
+            m_blocks[i - 1] = m_blocks[i];
+        --m_count;
+        if (m_numLent < kMaxBlocks)
+            m_lent[m_numLent++] = block;   // so that Give learns its real size back
+        return block.p;
     }
 
-    // Keeps the block, or frees it (or older ones) to stay within the limits.
+    // Keeps the block (of at least bytes), or frees it (or older ones) to stay within the
+    // limits.
     void Give(void* p, size_t bytes)
     {
+        for (size_t i = 0; i < m_numLent; ++i)
+            if (m_lent[i].p == p) {
+                bytes = m_lent[i].bytes;
+                m_lent[i] = m_lent[--m_numLent];
+                break;
+            }
         if (bytes > kMaxBytes) {
             std::free(p);
             return;
@@ -75,6 +86,8 @@ private:
     Block m_blocks[kMaxBlocks] = {};
     size_t m_count = 0;
     size_t m_total = 0;
+    Block m_lent[kMaxBlocks] = {};   // kept blocks handed out again
+    size_t m_numLent = 0;
 };
 
 // Allocator for large, short-lived work arrays: blocks of 4 MiB and more are 2 MiB aligned
@@ -117,7 +130,6 @@ struct LargeScratchAllocator {
             std::free(p);
             return;
         }
-        // Recorded at the size this request rounds to, which a reused block may exceed.
         LargeScratchCache::ForThisThread().Give(p, roundedBytes(n));
     }
 
