@@ -297,6 +297,26 @@ tStackCell* CHConvexHull2D::Graham()
     return top;
 }
 
+// Compare on the lanes within the tolerance (bit l for lane l of records), marking them in
+// collinear; returns the lanes that sort before the pivot in bits 0-3 and those after it in
+// bits 4-7. Kept out of line: it is rare, and a call inside the partition's loop would
+// make the compiler keep that loop's values in memory.
+__attribute__((noinline, cold)) int CHConvexHull2D::resolveCollinear(int within, const int* records, int pivot, unsigned char* collinear)
+{
+    int masks = 0;
+    while (within != 0) {
+        const int l = __builtin_ctz(static_cast<unsigned>(within));
+        within &= within - 1;
+        const int o = Compare(&m_pPoints[records[l]], &m_pPoints[pivot]);
+        if (o < 0)
+            masks |= 1 << l;
+        if (o > 0)
+            masks |= 16 << l;
+        collinear[l] = 1;
+    }
+    return masks;
+}
+
 // Compare's result depends only on its two records, and its marks and count only record
 // that a comparison happened, so the sort is fixed by the outcome of each (element, pivot)
 // comparison it makes. Each partition therefore computes the outcome of every element of
@@ -349,17 +369,11 @@ void CHConvexHull2D::sortByAngle()
             const int valid = hi - k + 1 < 4 ? (1 << (hi - k + 1)) - 1 : 15;
             int leftMask = ~before & valid, rightMask = ~after & valid;
             std::memset(&collinear[at], 0, 4);
-            int within = ~(before | after) & valid;
-            while (within != 0) {
-                const int l = __builtin_ctz(static_cast<unsigned>(within));
-                within &= within - 1;
-                const size_t e = at + static_cast<size_t>(l);
-                const int o = Compare(&m_pPoints[record[e]], &m_pPoints[record[static_cast<size_t>(lo)]]);
-                if (o < 0)
-                    leftMask &= ~(1 << l);
-                if (o > 0)
-                    rightMask &= ~(1 << l);
-                collinear[e] = 1;
+            const int within = ~(before | after) & valid;
+            if (within != 0) [[unlikely]] {
+                const int masks = resolveCollinear(within, &record[at], record[static_cast<size_t>(lo)], &collinear[at]);
+                leftMask &= ~(masks & 15);
+                rightMask &= ~(masks >> 4);
                 anyCollinear = true;
             }
             const __m128i base = _mm_set1_epi32(k);

@@ -76,5 +76,6 @@ private:
     void quickSortRange(unsigned char* base, int lo, int hi, int size);
     void exchange(unsigned char* a, unsigned char* b, int size);
     tStackCell* grahamByCells();
+    int resolveCollinear(int within, const int* records, int pivot, unsigned char* collinear);
     static int countCells(const tStackCell* top);
 };
