@@ -1,5 +1,6 @@
 // Neighbour finding on a square grid mesh of N triangles (the benchmark argument; two per
-// cell, split along the cell's (x0,y0)-(x1,y1) diagonal), beside two peers on the same mesh:
+// cell, split along the cell's (x0,y0)-(x1,y1) diagonal) and on the mesh of a height image
+// of side N, beside two peers on the grid mesh:
 // the hash map of edges a caller would otherwise write, and the plain pairwise scan with
 // removal of completed triangles, which is only run at small sizes.
 
@@ -14,6 +15,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "qzsse/matrix/CSSEMatrix.h"
 #include "qzsse/mesh/CHTriangulation.h"
 
 namespace {
@@ -54,6 +56,29 @@ void BM_CalcNeighbours(benchmark::State& state)
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * mesh.GetNumTriangles());
 }
 BENCHMARK(BM_CalcNeighbours)->Arg(2048)->Arg(8192)->Arg(32768)->Arg(2000000)->Unit(benchmark::kMillisecond);
+
+// The full-resolution mesh of a side x side height image, as the matrix constructor leaves
+// it: two triangles per cell, then the zeroed surplus records.
+void BM_CalcNeighboursHeightImage(benchmark::State& state)
+{
+    static std::map<int, std::unique_ptr<CHTriangulation>> meshes;
+    const int side = static_cast<int>(state.range(0));
+    auto& mesh = meshes[side];
+    if (!mesh) {
+        CSSEMatrix matrix;
+        matrix.Create(side, side);
+        for (int y = 0; y < side; ++y)
+            for (int x = 0; x < side; ++x)
+                matrix.SetPoint(x, y, 100.0f + 20.0f * std::sin(0.03f * float(x)) * std::cos(0.02f * float(y)));
+        mesh = std::make_unique<CHTriangulation>(&matrix, 0.0f, true, 0.5f, 0.5f, 1.0f);
+    }
+    for (auto _ : state) {
+        mesh->CalcNeighbours();
+        benchmark::DoNotOptimize(mesh->GetTriangles()[0].pNeighbour[0]);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * mesh->GetNumTriangles());
+}
+BENCHMARK(BM_CalcNeighboursHeightImage)->Arg(708)->Arg(1000)->Unit(benchmark::kMillisecond);
 
 // An undirected edge as the bits of its two corner points, lower one first.
 struct EdgeKey {

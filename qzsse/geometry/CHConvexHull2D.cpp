@@ -21,28 +21,23 @@ constexpr int c_iMaxSortElementSize = 64;
 // The one exchange buffer of every hull's sort (hence the single-thread restriction).
 unsigned char s_hullSortExchangeBuffer[c_iMaxSortElementSize];
 
-// For each set of the four lanes (bit l for lane l), the set lanes in ascending and in
-// descending order, padded with zeros.
-constexpr auto lanesOf = [](bool descending) {
+// For each set of the four lanes (bit l for lane l), the set lanes in ascending order, padded
+// with zeros.
+constexpr auto c_ascendingLaneTable = [] {
     struct Table {
         alignas(16) int lanes[16][4];
     } table{};
     for (int mask = 0; mask < 16; ++mask) {
         int n = 0;
-        for (int i = 0; i < 4; ++i) {
-            const int l = descending ? 3 - i : i;
+        for (int l = 0; l < 4; ++l)
             if (mask & (1 << l))
                 table.lanes[mask][n++] = l;
-        }
     }
     return table;
-};
+}();
 // Set lanes per mask (the baseline instruction set has no population count).
 constexpr int c_laneCount[16] = {0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4};
-constexpr auto c_ascendingLaneTable = lanesOf(false);
-constexpr auto c_descendingLaneTable = lanesOf(true);
 inline const __m128i* const c_ascendingLanes = reinterpret_cast<const __m128i*>(c_ascendingLaneTable.lanes);
-inline const __m128i* const c_descendingLanes = reinterpret_cast<const __m128i*>(c_descendingLaneTable.lanes);
 
 }  // namespace qzsse::detail
 
@@ -235,7 +230,9 @@ void CHConvexHull2D::quickSortRange(unsigned char* base, int lo, int hi, int siz
     }
 }
 
-tStackCell* CHConvexHull2D::Graham()
+// The scan as described, a cell allocated per push and freed per pop: what Graham is checked
+// against.
+tStackCell* CHConvexHull2D::grahamByCells()
 {
     tStackCell* top = nullptr;
     for (int k = 0; k < 2 && k < m_nNumPoints; ++k)
@@ -263,6 +260,63 @@ tStackCell* CHConvexHull2D::Graham()
     return top;
 }
 
+// The scan runs on an array of point numbers; only the points left on the stack at the end
+// get their cells, pushed in the same order, so the stack built is the one the pushes and
+// pops would leave. Every point is pushed once, so the array never outgrows n.
+tStackCell* CHConvexHull2D::Graham()
+{
+    if (qzsse::detail::g_bDirectHullSort)
+        return grahamByCells();
+    if (m_nNumPoints < 3) {
+        tStackCell* top = nullptr;
+        for (int k = 0; k < m_nNumPoints; ++k)
+            top = Push(&m_pPoints[k], top);
+        return top;
+    }
+    qzsse::detail::ScratchVector<int> stack(static_cast<size_t>(m_nNumPoints));
+    stack[0] = 0;
+    stack[1] = 1;
+    size_t height = 2;
+    for (int i = 2; i < m_nNumPoints;) {
+        if (height < 2) {
+            std::printf("Error\n");
+            std::fflush(stdout);
+            return nullptr;
+        }
+        const tPointStruc& t = m_pPoints[stack[height - 1]];
+        const tPointStruc& s = m_pPoints[stack[height - 2]];
+        const tPointStruc& p = m_pPoints[i];
+        if ((t.x - s.x) * (p.y - s.y) - (p.x - s.x) * (t.y - s.y) > qzsse::detail::c_fHullOrientationTolerance)
+            stack[height++] = i++;
+        else
+            --height;
+    }
+    tStackCell* top = nullptr;
+    for (size_t k = 0; k < height; ++k)
+        top = Push(&m_pPoints[stack[k]], top);
+    return top;
+}
+
+// Compare on the lanes within the tolerance (bit l for lane l of records), marking them in
+// collinear; returns the lanes that sort before the pivot in bits 0-3 and those after it in
+// bits 4-7. Kept out of line: it is rare, and a call inside the partition's loop would
+// make the compiler keep that loop's values in memory.
+__attribute__((noinline, cold)) int CHConvexHull2D::resolveCollinear(int within, const int* records, int pivot, unsigned char* collinear)
+{
+    int masks = 0;
+    while (within != 0) {
+        const int l = __builtin_ctz(static_cast<unsigned>(within));
+        within &= within - 1;
+        const int o = Compare(&m_pPoints[records[l]], &m_pPoints[pivot]);
+        if (o < 0)
+            masks |= 1 << l;
+        if (o > 0)
+            masks |= 16 << l;
+        collinear[l] = 1;
+    }
+    return masks;
+}
+
 // Compare's result depends only on its two records, and its marks and count only record
 // that a comparison happened, so the sort is fixed by the outcome of each (element, pivot)
 // comparison it makes. Each partition therefore computes the outcome of every element of
@@ -285,9 +339,8 @@ void CHConvexHull2D::sortByAngle()
         dy[k] = m_pPoints[k + 1].y - p0.y;
         record[k] = static_cast<int>(k) + 1;
     }
-    qzsse::detail::ScratchVector<signed char> outcome(size + 3);
     qzsse::detail::ScratchVector<unsigned char> collinear(size + 3);
-    qzsse::detail::ScratchVector<int> leftStops(size + 4), rightStops(size + 4);   // room for a whole group
+    qzsse::detail::ScratchVector<int> leftStops(size + 4), rightAscending(size + 4);   // room for a whole group
     int deletions = 0;
 
     const auto exchange = [&](int a, int b) {
@@ -303,69 +356,45 @@ void CHConvexHull2D::sortByAngle()
         const __m128 vpdx = _mm_set1_ps(pdx), vpdy = _mm_set1_ps(pdy);
         const __m128 tolerance = _mm_set1_ps(qzsse::detail::c_fHullOrientationTolerance);
         const __m128 minusTolerance = _mm_set1_ps(-qzsse::detail::c_fHullOrientationTolerance);
+        // The left scan stops on outcomes >= 0, the right scan on outcomes <= 0; both stop
+        // lists are gathered ascending, four positions at a time through a table of lane
+        // offsets, in the same pass that finds the outcomes.
         bool anyCollinear = false;
+        int numLeft = 0, numRight = 0;
         for (int k = lo + 1; k <= hi; k += 4) {
             const size_t at = static_cast<size_t>(k);
             const __m128 area = _mm_sub_ps(_mm_mul_ps(_mm_loadu_ps(&dx[at]), vpdy), _mm_mul_ps(_mm_loadu_ps(&dy[at]), vpdx));
-            const __m128 before = _mm_cmpgt_ps(area, tolerance);
-            const __m128 after = _mm_cmplt_ps(area, minusTolerance);
-            // -1 where the element sorts before the pivot, 1 where after, 0 otherwise.
-            const __m128i sign = _mm_sub_epi32(_mm_castps_si128(before), _mm_castps_si128(after));
-            const __m128i bytes = _mm_packs_epi16(_mm_packs_epi32(sign, sign), sign);
-            const int packed = _mm_cvtsi128_si32(bytes);
-            std::memcpy(&outcome[at], &packed, 4);
+            const int before = _mm_movemask_ps(_mm_cmpgt_ps(area, tolerance));
+            const int after = _mm_movemask_ps(_mm_cmplt_ps(area, minusTolerance));
+            const int valid = hi - k + 1 < 4 ? (1 << (hi - k + 1)) - 1 : 15;
+            int leftMask = ~before & valid, rightMask = ~after & valid;
             std::memset(&collinear[at], 0, 4);
-            const int lanes = hi - k + 1 < 4 ? hi - k + 1 : 4;
-            int within = ~_mm_movemask_ps(_mm_or_ps(before, after)) & ((1 << lanes) - 1);
-            while (within != 0) {
-                const int l = __builtin_ctz(static_cast<unsigned>(within));
-                within &= within - 1;
-                const size_t e = at + static_cast<size_t>(l);
-                outcome[e] = static_cast<signed char>(Compare(&m_pPoints[record[e]], &m_pPoints[record[static_cast<size_t>(lo)]]));
-                collinear[e] = 1;
+            const int within = ~(before | after) & valid;
+            if (within != 0) [[unlikely]] {
+                const int masks = resolveCollinear(within, &record[at], record[static_cast<size_t>(lo)], &collinear[at]);
+                leftMask &= ~(masks & 15);
+                rightMask &= ~(masks >> 4);
                 anyCollinear = true;
             }
-        }
-        // The left scan stops on outcomes >= 0, the right scan on outcomes <= 0; their stop
-        // positions are gathered four at a time through a table of lane offsets.
-        int numLeft = 0, numRight = 0;
-        int k = lo + 1;
-        for (; k + 3 <= hi; k += 4) {
-            int bytes;
-            std::memcpy(&bytes, &outcome[static_cast<size_t>(k)], 4);
-            const __m128i codes = _mm_srai_epi32(_mm_slli_epi32(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), _mm_setzero_si128()), _mm_setzero_si128()), 24), 24);
-            const int stops = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpgt_epi32(codes, _mm_set1_epi32(-1))));
+            const __m128i base = _mm_set1_epi32(k);
             _mm_storeu_si128(reinterpret_cast<__m128i*>(&leftStops[static_cast<size_t>(numLeft)]),
-                             _mm_add_epi32(_mm_set1_epi32(k), qzsse::detail::c_ascendingLanes[stops]));
-            numLeft += qzsse::detail::c_laneCount[stops];
+                             _mm_add_epi32(base, qzsse::detail::c_ascendingLanes[leftMask]));
+            numLeft += qzsse::detail::c_laneCount[leftMask];
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(&rightAscending[static_cast<size_t>(numRight)]),
+                             _mm_add_epi32(base, qzsse::detail::c_ascendingLanes[rightMask]));
+            numRight += qzsse::detail::c_laneCount[rightMask];
         }
-        for (; k <= hi; ++k) {
-            leftStops[static_cast<size_t>(numLeft)] = k;
-            numLeft += outcome[static_cast<size_t>(k)] >= 0;
-        }
-        k = hi;
-        for (; k - 3 > lo; k -= 4) {
-            int bytes;
-            std::memcpy(&bytes, &outcome[static_cast<size_t>(k - 3)], 4);
-            const __m128i codes = _mm_srai_epi32(_mm_slli_epi32(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(bytes), _mm_setzero_si128()), _mm_setzero_si128()), 24), 24);
-            const int stops = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmplt_epi32(codes, _mm_set1_epi32(1))));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(&rightStops[static_cast<size_t>(numRight)]),
-                             _mm_add_epi32(_mm_set1_epi32(k - 3), qzsse::detail::c_descendingLanes[stops]));
-            numRight += qzsse::detail::c_laneCount[stops];
-        }
-        for (; k > lo; --k) {
-            rightStops[static_cast<size_t>(numRight)] = k;
-            numRight += outcome[static_cast<size_t>(k)] <= 0;
-        }
+        // The right scan meets its stops from the top down.
+        const auto rightStop = [&](int r) { return rightAscending[static_cast<size_t>(numRight - 1 - r)]; };
         // Round r's scans start past round r-1's stops, and the records exchanged there stop
         // them: the left scan at the latest on the previous right stop, and vice versa.
         int rounds = 0, i = 0, j = 0;
         for (;; ++rounds) {
             const size_t r = static_cast<size_t>(rounds);
             i = rounds < numLeft ? leftStops[r] : hi + 1;
-            j = rounds < numRight ? rightStops[r] : lo;
+            j = rounds < numRight ? rightStop(rounds) : lo;
             if (rounds > 0) {
-                i = std::min(i, rightStops[r - 1]);
+                i = std::min(i, rightStop(rounds - 1));
                 j = std::max(j, leftStops[r - 1]);
             }
             if (i >= j)
@@ -380,15 +409,48 @@ void CHConvexHull2D::sortByAngle()
             };
             const size_t last = static_cast<size_t>(rounds) - 1;
             for (int k = lo + 1; k <= std::min(i, hi); ++k)
-                deletions += at(k, rounds > 0 && k == rightStops[last] ? leftStops[last] : -1);
+                deletions += at(k, rounds > 0 && k == rightStop(rounds - 1) ? leftStops[last] : -1);
             for (int k = std::max(j, lo + 1); k <= hi; ++k)
-                deletions += at(k, rounds > 0 && k == leftStops[last] ? rightStops[last] : -1);
+                deletions += at(k, rounds > 0 && k == leftStops[last] ? rightStop(rounds - 1) : -1);
         }
         for (int r = 0; r < rounds; ++r)
-            exchange(leftStops[static_cast<size_t>(r)], rightStops[static_cast<size_t>(r)]);
+            exchange(leftStops[static_cast<size_t>(r)], rightStop(r));
         exchange(lo, j);
         return j;
     };
+
+    // Small ranges, where setting up a partition costs more than its comparisons, run
+    // quickSortRange itself on the compact arrays, scan by scan.
+    const auto outcome1 = [&](int e, int pivot) {
+        const size_t a = static_cast<size_t>(e), b = static_cast<size_t>(pivot);
+        const float area = dx[a] * dy[b] - dy[a] * dx[b];
+        if (area > qzsse::detail::c_fHullOrientationTolerance)
+            return -1;
+        if (area < -qzsse::detail::c_fHullOrientationTolerance)
+            return 1;
+        ++deletions;
+        return Compare(&m_pPoints[record[a]], &m_pPoints[record[b]]);
+    };
+    const auto sortSmall = [&](auto& self, int lo, int hi) -> void {
+        while (lo < hi) {
+            exchange(lo, lo + (hi - lo) / 2);
+            int i = lo;
+            int j = hi + 1;
+            for (;;) {
+                while (++i <= hi && outcome1(i, lo) < 0) {
+                }
+                while (--j > lo && outcome1(j, lo) > 0) {
+                }
+                if (i >= j)
+                    break;
+                exchange(i, j);
+            }
+            exchange(lo, j);
+            self(self, lo, j - 1);
+            lo = j + 1;
+        }
+    };
+    constexpr int kSmallRange = 12;
 
     // Ranges are disjoint, so the order they are taken in changes nothing; this is
     // quickSortRange's, with an explicit stack.
@@ -397,6 +459,10 @@ void CHConvexHull2D::sortByAngle()
         auto [lo, hi] = pending.back();
         pending.pop_back();
         while (lo < hi) {
+            if (hi - lo < kSmallRange) {
+                sortSmall(sortSmall, lo, hi);
+                break;
+            }
             const int j = partition(lo, hi);
             if (j - lo < hi - j) {
                 pending.emplace_back(j + 1, hi);

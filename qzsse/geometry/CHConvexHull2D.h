@@ -5,7 +5,8 @@ class CSSE3dPolygon;
 
 namespace qzsse::detail {
 // Test switch (per thread): when set, the constructor sorts with QuickSort and Compare record
-// by record, the form the faster sort is checked against.
+// by record and the scan allocates a cell per push, the forms the faster ones are checked
+// against.
 inline thread_local bool g_bDirectHullSort = false;
 } // namespace qzsse::detail
 
@@ -74,5 +75,7 @@ private:
     void sortByAngle();
     void quickSortRange(unsigned char* base, int lo, int hi, int size);
     void exchange(unsigned char* a, unsigned char* b, int size);
+    tStackCell* grahamByCells();
+    int resolveCollinear(int within, const int* records, int pivot, unsigned char* collinear);
     static int countCells(const tStackCell* top);
 };

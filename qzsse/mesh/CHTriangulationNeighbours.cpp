@@ -14,6 +14,7 @@
 #include "qzsse/mesh/detail/TriangulationNeighbours.h"
 
 #include <algorithm>
+#include <cmath>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -22,129 +23,13 @@
 
 namespace qzsse::detail {
 
-namespace {
-
-// Corner equality is float equality on all four lanes, so -0.0 and +0.0 must share a key
-// (adding +0.0 maps -0.0 to +0.0 and leaves every other value as it is).
-inline __m128i canonicalBits(__m128 p)
-{
-    return _mm_castps_si128(_mm_add_ps(p, _mm_setzero_ps()));
-}
-
-inline bool hasNaN(__m128 p)
-{
-    return _mm_movemask_ps(_mm_cmpunord_ps(p, p)) != 0;
-}
-
-inline uint64_t hashBits(__m128i bits)
-{
-    uint64_t lo, hi;
-    std::memcpy(&lo, &bits, 8);
-    std::memcpy(&hi, reinterpret_cast<const char*>(&bits) + 8, 8);
-    uint64_t h = lo * 0x9E3779B97F4A7C15ULL ^ (hi + 0x632BE59BD9B4E019ULL) * 0xC2B2AE3D27D4EB4FULL;
-    h ^= h >> 31;
-    h *= 0xBF58476D1CE4E5B9ULL;
-    h ^= h >> 29;
-    return h;
-}
-
-inline bool sameBits(__m128i a, __m128i b)
-{
-    return _mm_movemask_epi8(_mm_cmpeq_epi32(a, b)) == 0xFFFF;
-}
-
-} // namespace
-
-// Numbers the distinct corner points in order of first occurrence, so that corners compare
-// as integers. A corner with a NaN lane equals nothing, not even itself, and gets -1.
-//
-// Corners of a mesh recur close together, so a small direct-mapped cache of recent points
-// answers most look-ups from the processor's cache; the table behind it holds a 32-bit tag
-// beside each number, so only a matching tag reads the point itself.
 ScratchVector<int> NumberCornerPoints(const SSEPoint* corners, size_t count, int& numPoints)
 {
-    ScratchVector<int> ids(count, -1);
-    struct Slot {
-        uint32_t tag;
-        int id; // -1 for an empty slot
-    };
-    size_t capacity = 1024;
-    while (capacity < count / 2)
-        capacity *= 2;
-    ScratchVector<Slot> table(capacity, Slot{0, -1});
-    struct Key {
-        alignas(16) unsigned char bits[16];
-    };
-    ScratchVector<Key> keys; // per point number
-    keys.reserve(capacity / 2);
-
-    struct alignas(32) Recent {
-        __m128i key;
-        int id;
-    };
-    constexpr size_t kRecent = 1 << 14;
-    std::vector<Recent> recent(kRecent, Recent{_mm_setzero_si128(), -1});
-
-    auto grow = [&] {
-        capacity *= 2;
-        table.assign(capacity, Slot{0, -1});
-        for (size_t id = 0; id < keys.size(); ++id) {
-            const uint64_t h = hashBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[id].bits)));
-            size_t slot = h & (capacity - 1);
-            while (table[slot].id >= 0)
-                slot = (slot + 1) & (capacity - 1);
-            table[slot] = Slot{static_cast<uint32_t>(h >> 32), static_cast<int>(id)};
-        }
-    };
-
-    // Points met for the first time miss the cache in a table larger than it; the slot of
-    // the corner a few steps ahead is fetched early so that those misses overlap.
-    // The hashes are computed that far ahead and kept in a ring.
-    constexpr size_t kAhead = 16;
-    uint64_t ahead[kAhead];
-    for (size_t i = 0; i < kAhead && i < count; ++i)
-        ahead[i] = hashBits(canonicalBits(corners[i].m));
-    for (size_t i = 0; i < count; ++i) {
-        const uint64_t h = ahead[i % kAhead];
-        if (i + kAhead < count) {
-            const uint64_t later = hashBits(canonicalBits(corners[i + kAhead].m));
-            ahead[i % kAhead] = later;
-            __builtin_prefetch(&table[later & (capacity - 1)]);
-            __builtin_prefetch(&recent[(later >> 20) & (kRecent - 1)]);
-        }
-        if (hasNaN(corners[i].m))
-            continue;
-        const __m128i key = canonicalBits(corners[i].m);
-        Recent& r = recent[(h >> 20) & (kRecent - 1)];
-        if (r.id >= 0 && sameBits(r.key, key)) {
-            ids[i] = r.id;
-            continue;
-        }
-        const uint32_t tag = static_cast<uint32_t>(h >> 32);
-        size_t slot = h & (capacity - 1);
-        int id;
-        for (;;) {
-            const Slot s = table[slot];
-            if (s.id < 0) {
-                id = static_cast<int>(keys.size());
-                keys.emplace_back();
-                _mm_store_si128(reinterpret_cast<__m128i*>(keys.back().bits), key);
-                table[slot] = Slot{tag, id};
-                if (keys.size() * 2 > capacity)
-                    grow();
-                break;
-            }
-            if (s.tag == tag && sameBits(_mm_load_si128(reinterpret_cast<const __m128i*>(keys[static_cast<size_t>(s.id)].bits)), key)) {
-                id = s.id;
-                break;
-            }
-            slot = (slot + 1) & (capacity - 1);
-        }
-        ids[i] = id;
-        r.key = key;
-        r.id = id;
-    }
-    numPoints = static_cast<int>(keys.size());
+    ScratchVector<int> ids(count);
+    CornerNumbering numbering(corners, count);
+    for (size_t i = 0; i < count; ++i)
+        ids[i] = numbering.Next(i);
+    numPoints = numbering.NumPoints();
     return ids;
 }
 
@@ -473,6 +358,167 @@ bool MatchManifoldEdges(const ScratchVector<int>& ids, int numTriangles, int num
     return true;
 }
 
+// The same result as MatchManifoldEdges followed by the list pass, in one pass over the
+// triangles that numbers their corners, matches their edges and writes each record as it
+// goes, so that a mesh whose neighbours lie close in the record order (a grid, in any scan
+// order) is worked on in the cache. Each point lists the edges whose lower point it is, with
+// the matched ones kept (a third triangle on an edge must be seen). Also allowed: collapsed
+// triangles (one point three times, as the zeroed surplus records of the full-resolution
+// mesher), provided no plain triangle after the first of them holds their point. Such a
+// triangle matches no plain one that precedes it (a plain triangle holds the point once, so
+// two of its corners never occur in it), and the collapsed ones of a point match each other:
+// each walk sets slot 0 to every later one, and back, so each ends with the group's last
+// record, the last with the one before it; none fills up. Returns false, with records
+// partly written, when the mesh is not of that kind.
+class PlainMeshLinker {
+public:
+    PlainMeshLinker(const SSEPoint* corners, t_htriangle* records, int n)
+        : m_records(records), m_n(n), m_numbering(corners, 3 * static_cast<size_t>(n)),
+          m_filled(static_cast<size_t>(n))
+    {
+        m_points.reserve(static_cast<size_t>(n) / 2 + static_cast<size_t>(n) / 16 + 64);
+    }
+
+    bool Run(t_htriangle*& listHead)
+    {
+        for (int t = 0; t < m_n; ++t)
+            if (!link(t))
+                return false;
+        linkCollapsedGroups();
+        // The list ends as the records left incomplete, in order.
+        t_htriangle* last = nullptr;
+        listHead = nullptr;
+        for (int t = 0; t < m_n; ++t) {
+            if (m_filled[static_cast<size_t>(t)] == 3)
+                continue;
+            t_htriangle& r = m_records[t];
+            r.pPrev = last;
+            (last != nullptr ? last->pNext : listHead) = &r;
+            last = &r;
+        }
+        return true;
+    }
+
+private:
+    static constexpr int kPerBlock = 6;     // a grid point has at most six edges
+    static constexpr int kMaxBlocks = 32;   // longer chains (big fans) go the sorting way
+    // Edges listed under their lower point: the higher point and 3 * triangle + slot, bit-
+    // inverted once matched. More than kPerBlock continue in chained blocks of the pool.
+    struct PointEdges {
+        int count;
+        int more;        // next block in m_pool, or -1
+        int collapsed;   // a collapsed triangle of this point was seen
+        int other[kPerBlock];
+        int edge[kPerBlock];
+        int unused;
+    };
+    static_assert(sizeof(PointEdges) == 64);
+
+    int pointOf(size_t corner)
+    {
+        const int id = m_numbering.Next(corner);
+        if (id == static_cast<int>(m_points.size()))
+            m_points.push_back(PointEdges{0, -1, 0, {}, {}, 0});
+        return id;
+    }
+
+    bool link(int t)
+    {
+        const size_t base = 3 * static_cast<size_t>(t);
+        const int a[3] = {pointOf(base), pointOf(base + 1), pointOf(base + 2)};
+        t_htriangle& r = m_records[t];
+        r.pNext = r.pPrev = nullptr;
+        r.pNeighbour[0] = r.pNeighbour[1] = r.pNeighbour[2] = nullptr;
+        if (a[0] < 0 || a[1] < 0 || a[2] < 0)
+            return false;
+        if (a[0] == a[1] && a[1] == a[2]) {
+            m_points[static_cast<size_t>(a[0])].collapsed = 1;
+            m_collapsed.push_back(Collapsed{a[0], t});
+            return true;
+        }
+        if (a[0] == a[1] || a[1] == a[2] || a[2] == a[0])
+            return false;
+        if ((m_points[static_cast<size_t>(a[0])].collapsed | m_points[static_cast<size_t>(a[1])].collapsed |
+             m_points[static_cast<size_t>(a[2])].collapsed) != 0)
+            return false;
+        for (int k = 0; k < 3; ++k) {
+            const int p = a[k], q = a[(k + 1) % 3];
+            const int lower = std::min(p, q), higher = std::max(p, q);
+            PointEdges* block = &m_points[static_cast<size_t>(lower)];
+            int blocks = 1;
+            for (;;) {
+                int i = 0;
+                while (i < block->count && block->other[i] != higher)
+                    ++i;
+                if (i < block->count) {
+                    const int e = block->edge[i];
+                    if (e < 0)
+                        return false;   // a third triangle on the edge
+                    const int u = e / 3, j = e % 3;
+                    // Two triangles on the same three points share all three edges, so t
+                    // meets u again on a later edge (or finds one of u's edges matched).
+                    for (int earlier = 0; earlier < k; ++earlier)
+                        if (r.pNeighbour[earlier] == &m_records[u])
+                            return false;
+                    block->edge[i] = ~e;
+                    r.pNeighbour[k] = &m_records[u];
+                    m_records[u].pNeighbour[j] = &r;
+                    ++m_filled[static_cast<size_t>(u)];
+                    ++m_filled[static_cast<size_t>(t)];
+                    break;
+                }
+                if (block->count < kPerBlock) {
+                    block->other[block->count] = higher;
+                    block->edge[block->count] = static_cast<int>(base) + k;
+                    ++block->count;
+                    break;
+                }
+                if (block->more < 0) {
+                    if (blocks == kMaxBlocks)
+                        return false;
+                    block->more = static_cast<int>(m_pool.size());
+                }
+                const size_t more = static_cast<size_t>(block->more);
+                if (more == m_pool.size())
+                    m_pool.push_back(PointEdges{0, -1, 0, {}, {}, 0});   // may move the pool
+                block = &m_pool[more];
+                ++blocks;
+            }
+        }
+        return true;
+    }
+
+    void linkCollapsedGroups()
+    {
+        std::stable_sort(m_collapsed.begin(), m_collapsed.end(),
+                         [](const Collapsed& x, const Collapsed& y) { return x.point < y.point; });
+        for (size_t g = 0; g < m_collapsed.size();) {
+            size_t end = g + 1;
+            while (end < m_collapsed.size() && m_collapsed[end].point == m_collapsed[g].point)
+                ++end;
+            const int last = m_collapsed[end - 1].triangle;
+            for (size_t i = g; i + 1 < end; ++i)
+                m_records[m_collapsed[i].triangle].pNeighbour[0] = &m_records[last];
+            if (end - g >= 2)
+                m_records[last].pNeighbour[0] = &m_records[m_collapsed[end - 2].triangle];
+            g = end;
+        }
+    }
+
+    struct Collapsed {
+        int point;
+        int triangle;
+    };
+
+    t_htriangle* m_records;
+    int m_n;
+    CornerNumbering m_numbering;
+    ScratchVector<unsigned char> m_filled;   // slots set, per triangle
+    ScratchVector<PointEdges> m_points;      // per point number
+    std::vector<PointEdges> m_pool;
+    std::vector<Collapsed> m_collapsed;
+};
+
 } // namespace
 
 } // namespace qzsse::detail
@@ -508,6 +554,11 @@ void CHTriangulation::CalcNeighbours()
     if (n == 0) {
         IndexTriangleList();
         return;
+    }
+    if (!qzsse::detail::g_bDirectNeighbourReplay && 3 * static_cast<size_t>(n) <= static_cast<size_t>(INT_MAX)) {
+        qzsse::detail::PlainMeshLinker linker(m_pEdgeArray, m_pTriangles, n);
+        if (linker.Run(m_pTriangleList))
+            return;
     }
     int numPoints = 0;
     const qzsse::detail::ScratchVector<int> ids = qzsse::detail::NumberCornerPoints(m_pEdgeArray, 3 * static_cast<size_t>(n), numPoints);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -273,6 +274,62 @@ TEST(Neighbours, MatchPairwiseScanWhenPointsRecurFarApart)
             mesh.GetTriangles()[t].pPoint[k]->m = mesh.GetTriangles()[s].pPoint[(k + r) % 3]->m;
     }
     expectSameAsScan(mesh, "strip");
+}
+
+// Plain meshes, or nearly so, whose corners the point numbering cannot keep in its grid of
+// cells: points piled above one another, an outlier far off, more points than it expected;
+// and zeroed records around a grid, before or after the triangles holding their point.
+TEST(Neighbours, PlainMeshesOffTheCellGridMatchScanAndReplay)
+{
+    struct Case {
+        const char* name;
+        int n;
+        std::function<void(CHTriangulation&)> write;
+    };
+    const auto wall = [](CHTriangulation& mesh) {   // x and z vary, y does not: 101 points per x
+        for (int z = 0; z < 100; ++z)
+            for (int x = 0; x < 3; ++x) {
+                const int t = 2 * (z * 3 + x);
+                const float x0 = float(x), x1 = float(x + 1), z0 = float(z), z1 = float(z + 1);
+                setCorner(mesh, t, 0, x0, 0, z0), setCorner(mesh, t, 1, x1, 0, z1), setCorner(mesh, t, 2, x0, 0, z1);
+                setCorner(mesh, t + 1, 0, x0, 0, z0), setCorner(mesh, t + 1, 1, x1, 0, z0), setCorner(mesh, t + 1, 2, x1, 0, z1);
+            }
+    };
+    const auto gridWithZeros = [](int w, int h, int zerosBefore, float originZ) {
+        return [=](CHTriangulation& mesh) {
+            CHTriangulation grid(2 * w * h, 1, 1, 1);
+            writeGrid(grid, w, h);
+            for (int t = 0; t < 2 * w * h; ++t)
+                for (int k = 0; k < 3; ++k) {
+                    SSEPoint p = *grid.GetTriangles()[t].pPoint[k];
+                    if (p.x == 0 && p.y == 0)
+                        p.z = originZ;
+                    mesh.GetTriangles()[zerosBefore + t].pPoint[k]->m = p.m;
+                }
+        };
+    };
+    const std::vector<Case> cases = {
+        {"wall", 600, wall},
+        {"outlier", 2 * 20 * 20 + 1, [](CHTriangulation& mesh) {
+             writeGrid(mesh, 20, 20);
+             const int t = 2 * 20 * 20;
+             setCorner(mesh, t, 0, 20, 0), setCorner(mesh, t, 1, 1e30f, 5), setCorner(mesh, t, 2, 20, 1);
+         }},
+        {"disjoint triangles", 2000, [](CHTriangulation& mesh) {
+             for (int t = 0; t < 2000; ++t)
+                 setCorner(mesh, t, 0, float(t), 0), setCorner(mesh, t, 1, float(t) + 0.5f, 1), setCorner(mesh, t, 2, float(t), 1);
+         }},
+        {"zeros after, origin a corner", 2 * 6 * 5 + 7, gridWithZeros(6, 5, 0, 0.0f)},
+        {"zeros after, origin apart", 2 * 6 * 5 + 7, gridWithZeros(6, 5, 0, 2.0f)},
+        {"zeros before the origin's triangles", 2 * 6 * 5 + 7, gridWithZeros(6, 5, 7, 0.0f)},
+        {"zeros before, origin apart", 2 * 6 * 5 + 7, gridWithZeros(6, 5, 7, 2.0f)},
+    };
+    for (size_t c = 0; c < cases.size(); ++c) {
+        CHTriangulation mesh(cases[c].n, 1, 1, 1);
+        cases[c].write(mesh);
+        SCOPED_TRACE(cases[c].name);
+        expectSameAsScanAndReplay(mesh, int(c));
+    }
 }
 
 // The grid's interior edges link both ways, only triangles with a border edge stay listed
