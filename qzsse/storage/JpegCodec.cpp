@@ -54,6 +54,18 @@ void installJpegErrorHandlers(JpegReadHandle& h)
     h.error.base.output_message = ignoreJpegMessage;
 }
 
+// Opens the stream and reads its header and output size. Call after setjmp on h.error.jump:
+// the codec's errors jump back there.
+bool readJpegHeader(JpegReadHandle& h, const unsigned char* data, size_t size)
+{
+    jpeg_create_decompress(&h.info);
+    jpeg_mem_src(&h.info, data, static_cast<unsigned long>(size));
+    if (jpeg_read_header(&h.info, TRUE) != JPEG_HEADER_OK)
+        return false;
+    jpeg_calc_output_dimensions(&h.info);
+    return true;
+}
+
 bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
 {
     JpegReadHandle h;
@@ -61,12 +73,9 @@ bool readJpeg(const unsigned char* data, size_t size, DecodedImage& image)
     if (setjmp(h.error.jump))
         return false;
 
-    jpeg_create_decompress(&h.info);
-    jpeg_mem_src(&h.info, data, static_cast<unsigned long>(size));
-    if (jpeg_read_header(&h.info, TRUE) != JPEG_HEADER_OK)
+    if (!readJpegHeader(h, data, size))
         return false;
     // The frame's own format: grey stays grey, colour comes out as 8-bit components.
-    jpeg_calc_output_dimensions(&h.info);
     image.bitsPerPixel = 8u * static_cast<unsigned int>(h.info.out_color_components);
     if (!DecodedSizeAllowed(h.info.output_width, h.info.output_height, image.bitsPerPixel, image.maxBytes))
         return false;
@@ -105,11 +114,8 @@ bool JpegGreyRows::Open(const unsigned char* data, size_t size)
     installJpegErrorHandlers(h);
     if (setjmp(h.error.jump))
         return false;
-    jpeg_create_decompress(&h.info);
-    jpeg_mem_src(&h.info, data, static_cast<unsigned long>(size));
-    if (jpeg_read_header(&h.info, TRUE) != JPEG_HEADER_OK)
+    if (!readJpegHeader(h, data, size))
         return false;
-    jpeg_calc_output_dimensions(&h.info);
     const unsigned long long maxBytes = std::min(c_ullMaxDecodedBytesPerPayloadByte * size, MaxDecodedBytes());
     if (h.info.out_color_components != 1
         || !DecodedSizeAllowed(h.info.output_width, h.info.output_height, 8, maxBytes))

@@ -3,24 +3,13 @@
 #include <vector>
 
 #include "qzsse/geometry/CHConvexHull3D.h"
+#include "qzsse/geometry/detail/HullRecordLists.h"
 
 namespace qzsse::test {
 
-// The records of one of the hull's circular lists, from its head.
-template <class Record>
-std::vector<Record*> ListFrom(Record* head)
-{
-    std::vector<Record*> out;
-    if (Record* r = head) {
-        do {
-            out.push_back(r);
-            r = r->next;
-        } while (r != head);
-    }
-    return out;
-}
+using qzsse::detail::ListOf;
 
-inline std::vector<tVertexStructure*> Vertices(const CHConvexHull3D& hull) { return ListFrom(hull.GetVertices()); }
-inline std::vector<tFaceStructure*> Faces(const CHConvexHull3D& hull) { return ListFrom(hull.GetFaces()); }
+inline std::vector<tVertexStructure*> Vertices(const CHConvexHull3D& hull) { return ListOf(hull.GetVertices()); }
+inline std::vector<tFaceStructure*> Faces(const CHConvexHull3D& hull) { return ListOf(hull.GetFaces()); }
 
 } // namespace qzsse::test

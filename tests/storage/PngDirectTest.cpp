@@ -131,6 +131,16 @@ Bytes Noise(size_t n, unsigned seed, int low, int high)
     return b;
 }
 
+// A smooth terrain-like surface of codes.
+Bytes SmoothSurface(unsigned width, unsigned height)
+{
+    Bytes smooth(width * height);
+    for (unsigned y = 0; y < height; ++y)
+        for (unsigned x = 0; x < width; ++x)
+            smooth[y * width + x] = static_cast<unsigned char>(127.5 + 120.0 * std::sin(x / 90.0) * std::cos(y / 70.0));
+    return smooth;
+}
+
 DecodedImage Direct(const Bytes& file)
 {
     DecodedImage image;
@@ -254,10 +264,7 @@ TEST(PngDirect, WrittenPayloadsOfBothDeflatesPassPngcheckAndLibpng)
 {
     // A smooth surface and residual noise, each large enough to be judged on a sample.
     const unsigned width = 700, height = 500;
-    Bytes smooth(width * height);
-    for (unsigned y = 0; y < height; ++y)
-        for (unsigned x = 0; x < width; ++x)
-            smooth[y * width + x] = static_cast<unsigned char>(127.5 + 120.0 * std::sin(x / 90.0) * std::cos(y / 70.0));
+    const Bytes smooth = SmoothSurface(width, height);
     const Bytes noise = Noise(width * height, 5, 124, 131);   // a residual of a few codes
     bool seen[2] = {false, false};
     for (const Bytes* pixels : std::array<const Bytes*, 2>{&smooth, &noise}) {
@@ -364,10 +371,7 @@ Bytes ByRows(const Bytes& file, unsigned step, bool* literalOnly = nullptr)
 TEST(PngDirect, RowReaderGivesLibpngsRowsInAnyStepAndTellsLiteralOnlyStreams)
 {
     const unsigned width = 700, height = 500;
-    Bytes smooth(width * height);
-    for (unsigned y = 0; y < height; ++y)
-        for (unsigned x = 0; x < width; ++x)
-            smooth[y * width + x] = static_cast<unsigned char>(127.5 + 120.0 * std::sin(x / 90.0) * std::cos(y / 70.0));
+    const Bytes smooth = SmoothSurface(width, height);
     const Bytes noise = Noise(width * height, 5, 124, 131);
     for (const Bytes* pixels : std::array<const Bytes*, 2>{&smooth, &noise}) {
         Bytes written;

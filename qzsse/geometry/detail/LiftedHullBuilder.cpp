@@ -5,22 +5,10 @@
 #include <utility>
 
 #include "qzsse/geometry/detail/ExactIntegerSign.h"
+#include "qzsse/geometry/detail/HullRecordLists.h"
 
 namespace qzsse::detail {
 namespace {
-
-template <class Record>
-std::vector<Record*> ListOf(Record* head)
-{
-    std::vector<Record*> out;
-    if (Record* r = head) {
-        do {
-            out.push_back(r);
-            r = r->next;
-        } while (r != head);
-    }
-    return out;
-}
 
 template <class Record>
 std::int32_t PositionOf(const std::vector<Record*>& list, const Record* r)
